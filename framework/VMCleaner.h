@@ -25,20 +25,20 @@ public:
     // Closes the store.
     bool DeInit();
     // Records an entity under `parentHandle` (empty = a root entity owned by this process).
-    bool RegisterEntity(VMInfoStructs::VM_Cleaner_Mode mode, VMInfoStructs::VM_Cleaner_EntityType kind,
+    bool RegisterEntity(VM_Cleaner_Mode mode, VM_Cleaner_EntityType kind,
                         const std::string& id, const std::string& parentHandle);
     // Finds a live entity (for a root: one owned by a running process); true and its handle.
-    bool LookupEntity(VMInfoStructs::VM_Cleaner_Mode mode, VMInfoStructs::VM_Cleaner_EntityType kind,
+    bool LookupEntity(VM_Cleaner_Mode mode, VM_Cleaner_EntityType kind,
                       const std::string& id, std::string& handle);
-    bool GetCleanerPathForEntityHandle(VMInfoStructs::VM_Cleaner_Mode mode, const std::string& handle,
+    bool GetCleanerPathForEntityHandle(VM_Cleaner_Mode mode, const std::string& handle,
                                        std::string& cleanerPath);
     // Appends the children of kind `kind` of the entity at `cleanerPath`, in registration order.
-    bool FillItemsFromCleanerPath(const std::string& cleanerPath, VMInfoStructs::VM_Cleaner_EntityType kind,
+    bool FillItemsFromCleanerPath(const std::string& cleanerPath, VM_Cleaner_EntityType kind,
                                   std::vector<CleanerEntity>& out);
     // Removes the entity at `cleanerPath` (with its children). `flag` is reserved (pass false).
     bool UnRegisterEntity(const std::string& cleanerPath, bool flag);
     // Appends the orphaned root entities of `mode` and `kind`; a non-empty `id` selects that id only.
-    bool GetOrphanedRootEntityListByType(VMInfoStructs::VM_Cleaner_Mode mode, VMInfoStructs::VM_Cleaner_EntityType kind,
+    bool GetOrphanedRootEntityListByType(VM_Cleaner_Mode mode, VM_Cleaner_EntityType kind,
                                          const std::string& id, std::vector<CleanerEntity>& out);
     // Whether orphaned roots exist for this identity, so a sweep is due.
     bool IsAllVMCleanupRequired();

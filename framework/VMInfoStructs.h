@@ -68,21 +68,6 @@ enum EFilterType : std::uint32_t {
     FILTER_EXCLUDE_PATTERN = 4,  // all instances except those whose name matches a pattern
 };
 
-// Which kind of job created a cleaner entity.
-enum VM_Cleaner_Mode : std::uint32_t {
-    VM_CLEANER_MODE_BACKUP = 0,
-    VM_CLEANER_MODE_RESTORE = 1,
-    VM_CLEANER_MODE_NONE = 2,  // create without registering anything
-};
-
-// Kind of a cleaner entity. The VM is the root; the others are its children.
-enum VM_Cleaner_EntityType : std::uint32_t {
-    VM_CLEANER_ENTITY_VM = 1,
-    VM_CLEANER_ENTITY_SNAPSHOT = 2,
-    VM_CLEANER_ENTITY_DISK = 3,
-    VM_CLEANER_ENTITY_TEMPLATE = 4,  // a custom image
-};
-
 // One elastic network interface of an instance.
 struct SVMNetworkCard {
     std::string networkInterfaceId;  // "eni-..."; empty for the primary card of a new instance
@@ -210,6 +195,21 @@ struct SMountInfoFile {
 };
 
 }  // namespace VMInfoStructs
+
+// Which kind of job created a cleaner entity.
+enum VM_Cleaner_Mode : std::uint32_t {
+    VM_CLEANER_MODE_BACKUP = 0,
+    VM_CLEANER_MODE_RESTORE = 1,
+    VM_CLEANER_MODE_NONE = 2,  // create without registering anything
+};
+
+// Kind of a cleaner entity. The VM is the root; the others are its children.
+enum VM_Cleaner_EntityType : std::uint32_t {
+    VM_CLEANER_ENTITY_VM = 1,
+    VM_CLEANER_ENTITY_SNAPSHOT = 2,
+    VM_CLEANER_ENTITY_DISK = 3,
+    VM_CLEANER_ENTITY_TEMPLATE = 4,  // a custom image
+};
 
 // A backup mount request from the framework. Passed as a const reference, but the plug-in
 // writes into it (instance record, snapshot ids, new disk ids); later calls of the same job
