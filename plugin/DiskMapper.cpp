@@ -1,0 +1,3 @@
+#include "DiskMapper.h"
+
+CDiskMapper::~CDiskMapper() = default;
