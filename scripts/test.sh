@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer and runs every test.
+# Usage: scripts/test.sh [extra ctest arguments]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+# The official Node.js SDKs that check the emulator's wire protocol (locked versions).
+if [ -f tests/sim/sdk/package-lock.json ]; then
+  npm ci --prefix tests/sim/sdk --no-audit --no-fund --loglevel=error
+fi
+
+build=build-test
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHX_SANITIZE=ON -DHX_BUILD_TESTS=ON
+cmake --build "$build" -j"$(nproc)"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)" "$@"
