@@ -74,9 +74,9 @@ bool PollUntil(std::uint32_t waitMs, F found) {
     auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
     for (;;) {
         if (found()) return true;
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return false;
-        if (!hxruntime::detail::SleepRealMs(static_cast<double>(std::min<long long>(left, kPollMs)))) return false;
+        std::chrono::duration<double, std::milli> left = deadline - Clock::now();
+        if (left.count() <= 0) return false;
+        if (!hxruntime::detail::SleepRealMs(std::min(left.count(), double(kPollMs)))) return false;
     }
 }
 
