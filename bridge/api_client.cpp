@@ -1,0 +1,133 @@
+#include "api_client.h"
+
+#include <random>
+#include <thread>
+
+#include "percent_encode.h"
+
+namespace hxbridge {
+
+std::string EndpointResolver::BaseUrl(const std::string& regionId) const {
+    if (!overrideEndpoint.empty()) {
+        std::string url = overrideEndpoint;
+        if (url.rfind("http://", 0) != 0 && url.rfind("https://", 0) != 0) url = "https://" + url;
+        while (!url.empty() && url.back() == '/') url.pop_back();
+        return url;
+    }
+    if (regionId.empty()) throw ApiError(ApiError::Kind::Client, "MissingRegion", "no region to send the request to");
+    return std::string("https://") + (vpc ? "ecs-vpc." : "ecs.") + regionId + ".aliyuncs.com";
+}
+
+nlohmann::json ParseResponse(const HttpResponse& response) {
+    nlohmann::json body = nlohmann::json::parse(response.body, nullptr, /*allow_exceptions=*/false);
+    const bool ok = response.status >= 200 && response.status < 300;
+    if (body.is_discarded() || !body.is_object()) {
+        // A gateway in between (proxy, load balancer) may answer with HTML: an error status
+        // stays a service error so that 5xx is still retried; a 2xx is unusable.
+        const std::string what = "HTTP " + std::to_string(response.status) + " with a body that is not a JSON object";
+        if (ok) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", what, {}, response.status);
+        throw ApiError(ApiError::Kind::Service, "HTTP" + std::to_string(response.status), what, {}, response.status);
+    }
+    auto text = [&](const char* key) -> std::string {
+        auto it = body.find(key);
+        if (it == body.end() || it->is_null()) return {};
+        return it->is_string() ? it->get<std::string>() : it->dump();
+    };
+    const std::string code = text("Code");
+    const bool codeSaysOk = code.empty() || code == "200" || code == "OK" || code == "Success";
+    if (ok && codeSaysOk) return body;
+    throw ApiError(ApiError::Kind::Service, code.empty() ? "HTTP" + std::to_string(response.status) : code,
+                   text("Message"), text("RequestId"), response.status);
+}
+
+ApiClient::ApiClient(std::shared_ptr<HttpTransport> transport, RequestSigner signer, Credentials credentials,
+                     EndpointResolver endpoints, ApiClientOptions options)
+    : transport_(std::move(transport)),
+      signer_(std::move(signer)),
+      credentials_(std::move(credentials)),
+      endpoints_(std::move(endpoints)),
+      options_(std::move(options)) {
+    if (!options_.sleep) options_.sleep = [](std::chrono::milliseconds d) { std::this_thread::sleep_for(d); };
+    if (!options_.random) {
+        options_.random = [engine = std::make_shared<std::mt19937_64>(std::random_device{}())]() {
+            return std::uniform_real_distribution<double>(0.0, 1.0)(*engine);
+        };
+    }
+}
+
+std::string ApiClient::Redact(std::string text) const {
+    // A SignatureDoesNotMatch message quotes the server's string to sign, which carries the
+    // security token (percent-encoded once or twice); transport errors could echo anything.
+    for (const std::string& secret : {credentials_.accessKeySecret, credentials_.securityToken}) {
+        if (secret.size() < 4) continue;
+        for (const std::string& form : {secret, PercentEncode(secret), PercentEncode(PercentEncode(secret))}) {
+            for (size_t pos = text.find(form); pos != std::string::npos; pos = text.find(form, pos)) {
+                text.replace(pos, form.size(), "<redacted>");
+            }
+        }
+    }
+    return text;
+}
+
+nlohmann::json ApiClient::CallOnce(const std::string& action, const std::string& regionId, const Params& params,
+                                   long& status) {
+    const Params signedParams = signer_.Sign("POST", action, options_.version, params, credentials_);
+    HttpRequest request;
+    request.method = "POST";
+    request.url = endpoints_.BaseUrl(regionId) + "/";
+    request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded");
+    request.headers.emplace_back("Accept", "application/json");
+    for (const auto& [key, value] : signedParams) {
+        if (!request.body.empty()) request.body.push_back('&');
+        request.body += PercentEncode(key) + "=" + PercentEncode(value);
+    }
+    HttpResponse response;
+    try {
+        response = transport_->Send(request);
+    } catch (const TransportError& e) {
+        throw ApiError(ApiError::Kind::Network, "NetworkError", Redact(e.what()));
+    }
+    status = response.status;
+    try {
+        return ParseResponse(response);
+    } catch (const ApiError& e) {
+        ApiError clean(e.kind(), e.code(), Redact(e.message()), e.requestId(), e.httpStatus());
+        throw clean;
+    }
+}
+
+nlohmann::json ApiClient::Call(const std::string& action, const std::string& regionId, Params params) {
+    if (!regionId.empty() && params.find("RegionId") == params.end()) params["RegionId"] = regionId;
+    const auto started = std::chrono::steady_clock::now();
+    bool outcomeUnknown = false;  // an earlier attempt may have been performed by the server
+    for (int attempt = 1;; ++attempt) {
+        long status = 0;
+        auto traceLine = [&](const std::string& requestId, const std::string& outcome) {
+            if (!options_.trace) return;
+            const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                                  started);
+            options_.trace("action=" + action + " region=" + (regionId.empty() ? "-" : regionId) +
+                           " status=" + std::to_string(status) + " requestId=" + (requestId.empty() ? "-" : requestId) +
+                           " attempt=" + std::to_string(attempt) + " elapsed_ms=" + std::to_string(ms.count()) +
+                           " outcome=" + outcome);
+        };
+        try {
+            nlohmann::json body = CallOnce(action, regionId, params, status);
+            std::string requestId;
+            if (auto it = body.find("RequestId"); it != body.end() && it->is_string()) requestId = *it;
+            traceLine(requestId, "ok");
+            return body;
+        } catch (ApiError& e) {
+            traceLine(e.requestId(), e.code());
+            const bool retry = RetryPolicy::IsRetryable(e) && attempt < options_.retry.maxAttempts;
+            if (!retry) {
+                e.setMayHaveSucceeded(outcomeUnknown);
+                throw;
+            }
+            if (e.kind() == ApiError::Kind::Network) outcomeUnknown = true;
+            options_.sleep(options_.retry.Delay(attempt, options_.random()));
+        }
+    }
+}
+
+}  // namespace hxbridge
