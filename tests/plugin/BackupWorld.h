@@ -1,0 +1,80 @@
+// The account the backup tests run in: the proxy "i-proxy" and the instance "i-src"
+// ("web-01", an OS disk and a data disk) in zone cn-hangzhou-k, and a mount directory of
+// the test's own. The proxy's description is cached per process, so every plug-in test
+// agrees on this proxy.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "FakeCloud.h"
+#include "FakeFramework.h"
+#include "PluginFixture.h"
+
+namespace backupworld {
+
+constexpr const char* kRegion = "cn-hangzhou";
+constexpr const char* kZone = "cn-hangzhou-k";
+
+inline void Build() {
+    auto& cloud = fakecloud::TheCloud();
+    cloud.localInstanceId = "i-proxy";
+    cloud.AddInstance("i-proxy", "proxy", kRegion, kZone);
+    cloud.AddInstance("i-src", "web-01", kRegion, kZone).configText = "{\"InstanceId\":\"i-src\",\"Name\":\"web-01\"}";
+    cloud.AddDisk("d-os", "i-src", 40, true);
+    cloud.AddDisk("d-data", "i-src", 100, false, "cloud_efficiency");
+}
+
+// A fresh directory per call; the configuration file lands beside it ("<dir>\<id>_...").
+inline std::string MakeMountPath() {
+    char tmpl[] = "/tmp/backup-test-XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    return dir ? std::string(dir) + "/mnt" : std::string("/tmp/backup-test-missing/mnt");
+}
+
+inline MountCtx Job(const std::string& vmGuid = "i-src") {
+    MountCtx ctx;
+    ctx.vmName = "web-01";
+    ctx.vmGuid = vmGuid;
+    ctx.mountPath = MakeMountPath();
+    return ctx;
+}
+
+inline std::string ConfigPath(const MountCtx& ctx) { return ctx.mountPath + "\\" + ctx.vmGuid + "_InstanceConfig.json"; }
+
+inline std::vector<std::string> SnapshotIds(const MountCtx& ctx) {
+    std::vector<std::string> ids;
+    for (const auto& d : ctx.vmInfo.disks) ids.push_back(d.snapshotId);
+    return ids;
+}
+
+}  // namespace backupworld
+
+// A plug-in that, when it goes, disconnects the instances a test left in its disk registry
+// (the registry leaves that to the job's unmount, which not every test reaches).
+class BackupPlugin : public TestPlugin {
+public:
+    ~BackupPlugin() override {
+        if (!DiskRegistry()) return;
+        for (const char* id : {"i-src", "i-up", "i-far", "i-bare"}) {
+            SVMInfo vm;
+            vm.guid = id;
+            DiskRegistry()->Disconnect(vm);
+        }
+    }
+};
+
+class BackupFixture : public PluginFixture {
+protected:
+    void SetUp() override {
+        PluginFixture::SetUp();
+        backupworld::Build();
+    }
+    fakecloud::Cloud& cloud() { return fakecloud::TheCloud(); }
+    fakefw::CleanerStore& store() { return fakefw::Cleaner(); }
+    // The cloud calls made so far, by name, in order.
+    std::vector<std::string> Ops() { return cloud().CallNames(); }
+};
