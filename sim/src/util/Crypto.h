@@ -1,0 +1,20 @@
+// Hashing and MAC primitives used by request signing (thin wrappers over OpenSSL).
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace hxsim::crypto {
+
+// Raw (binary) digests; the returned strings hold bytes, not text.
+std::string HmacSha1(std::string_view key, std::string_view data);
+std::string HmacSha256(std::string_view key, std::string_view data);
+std::string Sha256(std::string_view data);
+
+std::string Hex(std::string_view bytes);  // lowercase
+std::string Base64(std::string_view bytes);
+
+// Compares two strings in time independent of where they first differ.
+bool ConstantTimeEquals(std::string_view a, std::string_view b);
+
+}  // namespace hxsim::crypto
