@@ -33,7 +33,7 @@
 //
 // Threads: one mutex per VMCleaner. Processes: do not use a VMCleaner across fork(); open
 // a new one in the child.
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -206,10 +206,11 @@ bool VMCleaner::Impl::Open(const std::string& id) {
     if (path.empty()) return false;
     std::string folder = hxruntime::detail::ParentOf(path);
     if (!folder.empty() && !hxruntime::detail::MakeDirectories(folder, 0700)) return false;
-    struct stat st{};
-    bool existed = ::stat(path.c_str(), &st) == 0;
+    // Create the file owner-only before SQLite sees it (SQLite would apply the umask to
+    // 0644); its -wal and -shm files copy this mode. An empty file is a new database.
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0) ::close(fd);
     if (!db.open(path, kBusyTimeoutMs)) return false;
-    if (!existed) ::chmod(path.c_str(), 0600);  // WAL and shm files copy this mode
 
     // Switching to WAL needs a moment of exclusive access; another process opening the new
     // store at the same instant can hold it briefly.

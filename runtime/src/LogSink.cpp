@@ -44,12 +44,13 @@ bool WriteAll(int fd, const std::string& data) {
 // The open log file of this process. One mutex orders the threads; flock orders processes.
 class FileSink {
 public:
-    void Write(const std::string& path, const std::string& line, std::uint64_t maxBytes, int keep) {
+    // False when the line could not be written (the caller then falls back to stderr).
+    bool Write(const std::string& path, const std::string& line, std::uint64_t maxBytes, int keep) {
         std::lock_guard lock(mu_);
         if (path != path_) CloseLocked();
         path_ = path;
         for (int attempt = 0; attempt < 3; ++attempt) {
-            if (fd_ < 0 && !OpenLocked()) return;
+            if (fd_ < 0 && !OpenLocked()) return false;
             while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
             }
             struct stat mine{}, named{};
@@ -64,10 +65,11 @@ public:
                 CloseLocked();
                 continue;
             }
-            WriteAll(fd_, line);
+            bool written = WriteAll(fd_, line);
             ::flock(fd_, LOCK_UN);
-            return;
+            return written;
         }
+        return false;
     }
 
     void Close() {
@@ -147,8 +149,8 @@ void EmitLogLine(bool error, int level, const char* tag, const std::string& text
         std::string line = FormatLogLine(now, static_cast<long>(::getpid()), static_cast<long>(::gettid()), s.jobId,
                                          error, level, tag, text);
         std::string path = LogFilePathFor(s);
-        if (!path.empty()) Sink().Write(path, line, s.maxBytes, s.keepFiles);
-        if (s.echo || (path.empty() && error)) WriteAll(STDERR_FILENO, line);
+        bool filed = !path.empty() && Sink().Write(path, line, s.maxBytes, s.keepFiles);
+        if (s.echo || (error && !filed)) WriteAll(STDERR_FILENO, line);
     } catch (...) {
         // Logging must never take the caller down.
     }

@@ -20,8 +20,8 @@
 // under an exclusive flock, so several threads and processes can share a file. When a line
 // would take the file past the rotation size, the file becomes <file>.1 (older rotations
 // shift up to <file>.<keep>, the oldest is removed) and a new file is started.
-// Without a log folder only Error lines are written, to stderr; with echo on, every
-// written line is also copied to stderr. Write failures are swallowed: logging never fails
+// Without a log folder (or when the file cannot be written) Error lines go to stderr and
+// the other lines are dropped; with echo on, every written line is also copied to stderr. Write failures are swallowed: logging never fails
 // the caller and never throws.
 #pragma once
 

@@ -2,6 +2,7 @@
 // writers and the operation contracts the plug-in's cleaner relies on.
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +65,10 @@ TEST_F(CleanerStoreTest, EntriesSurviveCloseAndReopen) {
         std::string handle;
         EXPECT_FALSE(c.LookupEntity(kBackup, kVM, "i-vm1", handle)) << "a closed store answers nothing";
     }
+    struct stat st{};
+    ASSERT_EQ(::stat(hxruntime::GetCleanerDatabasePath().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "the store is owner-only";
+
     VMCleaner again;
     ASSERT_TRUE(again.Init(kProxy, 0));
     EXPECT_EQ(PathOf(again, kBackup, "i-vm1"), vmPath) << "still owned by this (running) process";

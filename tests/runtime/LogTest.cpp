@@ -121,6 +121,29 @@ TEST_F(LogTest, EachJobGetsItsOwnFile) {
     EXPECT_EQ(Parse(job[0]).text, "job seven");
 }
 
+TEST_F(LogTest, ErrorsReachStderrWhenThereIsNoFile) {
+    auto captured = [&](auto write) {
+        ::testing::internal::CaptureStderr();
+        write();
+        return ::testing::internal::GetCapturedStderr();
+    };
+    // No folder: errors only.
+    EXPECT_EQ(captured([&] { log.Debug("t", "quiet"); }), "");
+    EXPECT_EQ(Parse(captured([&] { log.Error("t", "loud"); })).text, "loud\n");
+
+    // A folder that cannot take the file: errors still get out.
+    ASSERT_TRUE(hxruntime::SetLogDirectory(dir / "logs"));
+    std::filesystem::remove_all(dir / "logs");
+    std::ofstream(dir / "logs") << "not a folder";
+    EXPECT_NE(captured([&] { log.Error("t", "still loud"); }).find("] still loud\n"), std::string::npos);
+
+    // Echo copies every written line.
+    ASSERT_TRUE(hxruntime::SetLogDirectory(dir / "logs2"));
+    hxruntime::SetLogEcho(true);
+    EXPECT_NE(captured([&] { log.Debug("t", "echoed"); }).find("DEBUG1 [t] echoed\n"), std::string::npos);
+    EXPECT_EQ(Lines(hxruntime::GetLogFilePath()).size(), 1u);
+}
+
 TEST_F(LogTest, RotationBoundsTheFilesAndKeepsTheNewestLines) {
     ASSERT_TRUE(hxruntime::SetLogDirectory(dir / "logs"));
     ASSERT_TRUE(hxruntime::SetLogRotation(4096, 2));
