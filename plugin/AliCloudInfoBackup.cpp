@@ -31,7 +31,11 @@ bool CAliCloudInfo::_InitVMInfoForBackup(const string& /*vmName: logs use the id
 }
 
 bool CAliCloudInfo::IsBackupFeasible(const MountCtx& ctx) {
-    if (ctx.vmInfo.guid == localInstanceId) {
+    // The proxy's id is detected per object, but its description is cached per process: a
+    // later object that took the description from the cache has not detected the id yet.
+    // The cached description names the same instance, so it stands in for the id then.
+    const std::string& proxyId = localInstanceId.empty() ? proxyVMInfo.guid : localInstanceId;
+    if (ctx.vmInfo.guid == proxyId) {
         log.Error(kIsBackupFeasible, "Proxy VM can't backup itself.");
         SetLastVMError(VMINFO_ERR_PROXY_SELF_BACKUP);
         return false;

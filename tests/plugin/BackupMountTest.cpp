@@ -37,6 +37,9 @@ TEST_F(BackupMountTest, RefusalsStopBeforeTheCleanerAndTheCloudAreTouched) {
          "Proxy region [cn-hangzhou-k] and instance zone [cn-hangzhou-a] are different."},
         {"no disks", "i-bare", [] { fakecloud::TheCloud().AddInstance("i-bare", "bare", "cn-hangzhou", "cn-hangzhou-k"); },
          VMINFO_ERR_NO_DISKS, "Empty disk list for instance. nothing to backup", ""},
+        // By now the proxy's description is cached: a new object has not detected its id.
+        {"proxy itself, described from the cache", "i-proxy", [] { fakecloud::TheCloud().AddDisk("d-p", "i-proxy", 40, true); },
+         VMINFO_ERR_PROXY_SELF_BACKUP, "Proxy VM can't backup itself.", ""},
         {"unknown instance", "i-gone", [] {}, VMINFO_ERR_VM_NOT_FOUND, "Source instance [i-gone] is not found.", ""},
     };
     for (const Case& c : cases) {
