@@ -145,6 +145,55 @@ TEST_F(CleanerStoreTest, KilledOwnerLeavesAnOrphanWhoseChildrenCanBeRemoved) {
     EXPECT_TRUE(c.PostAllVMCleanup());
 }
 
+TEST_F(CleanerStoreTest, AWriterKilledMidStreamLeavesAConsistentStore) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        ::close(ready[0]);
+        VMCleaner store;
+        std::string handle;
+        if (!store.Init(kProxy, 0) || !store.RegisterEntity(kBackup, kVM, "i-busy", "") ||
+            !store.LookupEntity(kBackup, kVM, "i-busy", handle))
+            ::_exit(1);
+        if (::write(ready[1], "y", 1) != 1) ::_exit(2);
+        for (int d = 0;; ++d) store.RegisterEntity(kBackup, kDisk, "d-" + std::to_string(d), handle);
+    }
+    ::close(ready[1]);
+    char ok = 0;
+    ASSERT_EQ(::read(ready[0], &ok, 1), 1);
+    ::close(ready[0]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+
+    VMCleaner c;
+    ASSERT_TRUE(c.Init(kProxy, 0));
+    auto roots = Orphans(c, kBackup, "i-busy");
+    ASSERT_EQ(roots.size(), 1u);
+    // Every registration is all or nothing: the disks are d-0 .. d-(n-1), each with its path.
+    std::vector<CleanerEntity> disks;
+    ASSERT_TRUE(c.FillItemsFromCleanerPath(roots[0].cleanerPath, kDisk, disks));
+    ASSERT_FALSE(disks.empty()) << "the writer never got going";
+    for (size_t d = 0; d < disks.size(); ++d) {
+        EXPECT_EQ(disks[d].entityId, "d-" + std::to_string(d));
+        EXPECT_TRUE(disks[d].cleanerPath.starts_with(roots[0].cleanerPath + "/disk/d-" + std::to_string(d) + "#"))
+            << disks[d].cleanerPath;
+    }
+    EXPECT_TRUE(c.UnRegisterEntity(roots[0].cleanerPath, false)) << "the store still takes writes";
+
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(hxruntime::GetCleanerDatabasePath().c_str(), &db), SQLITE_OK);
+    sqlite3_stmt* check = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &check, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(check), SQLITE_ROW);
+    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(check, 0)), "ok");
+    sqlite3_finalize(check);
+    sqlite3_close(db);
+}
+
 TEST_F(CleanerStoreTest, ReusedPidOrEarlierBootMeansOrphaned) {
     VMCleaner c;
     ASSERT_TRUE(c.Init(kProxy, 0));
