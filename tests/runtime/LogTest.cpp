@@ -191,15 +191,4 @@ TEST_F(LogTest, ConcurrentWritersNeverInterleaveLines) {
     EXPECT_EQ(tids.size(), static_cast<size_t>(kThreads)) << "each line names its writer thread";
 }
 
-TEST_F(LogTest, UnsafeInputIsFormattedNotFollowed) {
-    ASSERT_TRUE(hxruntime::SetLogDirectory(dir / "logs"));
-    log.Debug(nullptr, "%s %d %s", "only one argument");
-    log.Error("tag", "%n%n%s", 12);
-    auto lines = Lines(hxruntime::GetLogFilePath());
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(Parse(lines[0]).tag, "(null)");
-    EXPECT_NE(Parse(lines[0]).text.find("(missing)"), std::string::npos);
-    EXPECT_EQ(Parse(lines[1]).level, "ERROR");
-}
-
 }  // namespace

@@ -27,6 +27,9 @@
 namespace hxruntime {
 
 // ---- Logging ----
+// One line per EvDebug record (details in runtime/src/LogSink.h):
+//   2025-11-21T19:30:01.123+0800 <pid> <tid> <job id or -> <ERROR|DEBUGn> [<tag>] <text>
+// in <log folder>/<application>-job-<job id>.log (<application>.log without a job).
 // Folder of the log files; created (with parents, mode 0700) when missing. An empty path
 // turns file logging off. False when the folder cannot be created.
 bool SetLogDirectory(const std::string& folder);
