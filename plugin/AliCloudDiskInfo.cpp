@@ -11,7 +11,12 @@ using namespace AliCloudLogTags;
 CAliCloudDiskInfo::CAliCloudDiskInfo(AliCloudSDKCppBridge::CAliCloudSDKCppBridge* bridgeObject)
     : bridge(bridgeObject) {}
 
-CAliCloudDiskInfo::~CAliCloudDiskInfo() = default;
+CAliCloudDiskInfo::~CAliCloudDiskInfo() {
+    for (VMHandle* vm : vmHandles) {
+        for (DiskHandle* disk : vm->disks) delete disk;
+        delete vm;
+    }
+}
 
 bool CAliCloudDiskInfo::Initialize(const SVMInfo& proxy) {
     proxyVMInfo = proxy;

@@ -54,8 +54,8 @@ class CAliCloudDiskInfo {
 public:
     // `bridge` is not owned and must outlive the registry.
     explicit CAliCloudDiskInfo(AliCloudSDKCppBridge::CAliCloudSDKCppBridge* bridge);
-    // Frees the list only: instances still listed are released with the process, as the
-    // framework expects a mount to disconnect what it connected.
+    // Frees the instances still listed and their disk handles (a job that failed before its
+    // unmount leaves them listed); nothing is detached here.
     virtual ~CAliCloudDiskInfo();
     CAliCloudDiskInfo(const CAliCloudDiskInfo&) = delete;
     CAliCloudDiskInfo& operator=(const CAliCloudDiskInfo&) = delete;

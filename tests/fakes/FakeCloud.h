@@ -80,7 +80,7 @@ public:
     std::string localInstanceId;  // GetLocalInstanceId answer; empty = not an ECS instance
     int snapshotPolls = 0;        // pollsUntilDone of new snapshots
 
-    // Convenience builders. AddInstance also lists the instance in its region and zone records.
+    // Convenience builders. The region and zone records (regions, zones) are the test's to fill.
     Instance& AddInstance(const std::string& id, const std::string& name, const std::string& region,
                           const std::string& zone, std::string status = "Running");
     // Adds a disk attached to `instanceId` (isOSDisk for the first one unless told otherwise).
