@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -32,7 +34,10 @@ inline void Build() {
 inline std::string MakeMountPath() {
     char tmpl[] = "/tmp/backup-test-XXXXXX";
     const char* dir = mkdtemp(tmpl);
-    return dir ? std::string(dir) + "/mnt" : std::string("/tmp/backup-test-missing/mnt");
+    if (!dir) return "/tmp/backup-test-missing/mnt";
+    const std::string mountPath = std::string(dir) + "/mnt";
+    mkdir(mountPath.c_str(), 0700);  // what the framework's mount-path preparation does
+    return mountPath;
 }
 
 inline MountCtx Job(const std::string& vmGuid = "i-src") {
