@@ -92,21 +92,8 @@ bool FindDisk(const DeviceRoots& roots, const std::string& diskId, FoundDevice& 
 bool DeviceSize(const std::string& path, long long& size, bool& isBlock) {
     struct stat st{};
     if (path.empty() || ::stat(path.c_str(), &st) != 0) return false;
-    if (S_ISREG(st.st_mode)) {
-        size = static_cast<long long>(st.st_size);
-        isBlock = false;
-        return true;
-    }
-    if (!S_ISBLK(st.st_mode)) return false;
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return false;
-    unsigned long long bytes = 0;
-    bool ok = ::ioctl(fd, BLKGETSIZE64, &bytes) == 0;
-    ::close(fd);
-    if (!ok) return false;
-    size = static_cast<long long>(bytes);
-    isBlock = true;
-    return true;
+    isBlock = S_ISBLK(st.st_mode);
+    return FileSize(path, size);  // BLKGETSIZE64 or st_size; false for other kinds
 }
 
 FlushResult FlushDevice(const std::string& path) {
