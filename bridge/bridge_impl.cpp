@@ -642,7 +642,7 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
         }
     }
     if (!category.empty()) p["SystemDisk.Category"] = category;
-    if (sizeGiB > 0) p["SystemDisk.Size"] = std::to_string(sizeGiB);
+    if (sizeGiB > 0) p["SystemDisk.Size"] = std::to_string(std::max<long long>(sizeGiB, kMinimumSystemDiskGiB));
     if (!level.empty() && category == "cloud_essd") p["SystemDisk.PerformanceLevel"] = level;
 
     if (doc) {
@@ -791,8 +791,22 @@ void Impl::CreateDisk(const std::string& regionId, const std::string& zoneId, SD
     if (snapshotId.empty() && sizeGiB <= 0) throw ClientError("InvalidParameter", "an empty disk needs a size in GiB");
     Params p;
     p["ZoneId"] = zoneId;
-    p["DiskCategory"] = category.empty() ? "cloud_essd" : category;
-    if (sizeGiB > 0) p["Size"] = std::to_string(sizeGiB);
+    const std::string diskCategory = category.empty() ? "cloud_essd" : category;
+    p["DiskCategory"] = diskCategory;
+    // An ESSD's performance level may come in with the record; it also sets the minimum size.
+    if (!disk.performanceLevel.empty() && diskCategory == "cloud_essd") p["PerformanceLevel"] = disk.performanceLevel;
+    // ECS refuses a disk smaller than its category allows, also when it comes from a
+    // smaller snapshot (a PL0 or cloud_auto source restored as PL1). Such a disk is made at
+    // the category's minimum: larger, never refused.
+    const std::int64_t minimum = MinimumDiskSizeGiB(diskCategory, disk.performanceLevel);
+    long long size = sizeGiB;
+    if (!snapshotId.empty() && size <= 0) {
+        const json snap = Require(Kind::Snapshot, regionId, snapshotId);
+        if (jv::Int(snap, "SourceDiskSize") < minimum) size = minimum;
+    } else if (size > 0 && size < minimum) {
+        size = minimum;
+    }
+    if (size > 0) p["Size"] = std::to_string(size);
     if (!snapshotId.empty()) p["SnapshotId"] = snapshotId;
     if (!diskName.empty()) p["DiskName"] = diskName;
     p["Description"] = description.empty() ? kDefaultDescription : description;

@@ -15,6 +15,19 @@ bool IsCloudDiskCategory(const std::string& category) {
     return category.rfind("cloud", 0) == 0 || category.rfind("elastic_ephemeral_disk", 0) == 0;
 }
 
+std::int64_t MinimumDiskSizeGiB(const std::string& category, const std::string& performanceLevel) {
+    if (category == "cloud") return 5;
+    if (category == "cloud_efficiency" || category == "cloud_ssd") return 20;
+    if (category == "cloud_essd_entry") return 10;
+    if (category == "cloud_essd") {
+        if (performanceLevel == "PL0") return 1;
+        if (performanceLevel == "PL2") return 461;
+        if (performanceLevel == "PL3") return 1261;
+        return 20;
+    }
+    return 1;
+}
+
 VMInfoStructs::SDisk DiskFromJson(const nlohmann::json& disk) {
     VMInfoStructs::SDisk d;
     d.diskId = Str(disk, "DiskId");

@@ -55,6 +55,14 @@ std::string ArchitectureOf(const std::string& cpuArchitecture, const std::string
 // OSName, else OSNameEn.
 std::string OsNameOf(const nlohmann::json& instance);
 
+// The smallest data disk ECS makes in a category (GiB): cloud 5, cloud_efficiency and
+// cloud_ssd 20, cloud_essd by performance level (PL0 1, PL1 20, PL2 461, PL3 1261; PL1 when
+// not given, as ECS assumes), cloud_essd_entry 10, cloud_auto and anything else 1.
+std::int64_t MinimumDiskSizeGiB(const std::string& category, const std::string& performanceLevel);
+
+// The smallest system disk ECS accepts (GiB).
+inline constexpr std::int64_t kMinimumSystemDiskGiB = 20;
+
 // Whether a category names a cloud disk (snapshots, attach and create work on it).
 bool IsCloudDiskCategory(const std::string& category);
 

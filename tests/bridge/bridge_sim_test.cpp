@@ -1,0 +1,409 @@
+// The bridge library against the in-process emulator: every operation, checked by its
+// effect on the emulator's state, plus injected faults (throttling, a lost answer to a
+// create, the proxy's disk limit, unknown objects).
+#include <gtest/gtest.h>
+
+#include <httplib.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "AliCloudSDKCppBridge.h"
+#include "hxsim/Emulator.h"
+#include "loopback_server.h"
+
+using AliCloudSDKCppBridge::CAliCloudSDKCppBridge;
+using nlohmann::json;
+using namespace VMInfoStructs;
+
+namespace {
+
+constexpr UINT64 kInstances = 0x20000000ULL;
+constexpr UINT64 kZones = 0x0020000000000000ULL;
+constexpr const char* kRegion = "cn-hangzhou";
+constexpr const char* kProxyZone = "cn-hangzhou-h";
+constexpr const char* kProxy = "i-hxsim0proxy000000001";
+constexpr const char* kDb = "i-hxsim0vm000000000002";       // ecs.g7.xlarge, system + data disk
+constexpr const char* kApp = "i-hxsim0vm000000000003";      // ecs.t6 (5 disks at most), 4 disks
+constexpr const char* kDbSystemDisk = "d-hxsim0disk0000000002";
+constexpr const char* kDbDataDisk = "d-hxsim0disk0000000003";
+
+class BridgeOnEmulator : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        hxsim::Options o;
+        o.timeScale = 0.01;  // a 20 s snapshot takes 0.2 s
+        emulator_ = new hxsim::Emulator(o);
+        auto started = emulator_->Start();
+        ASSERT_TRUE(started.ok()) << started.error;
+        setenv("ALIBABA_CLOUD_ECS_ENDPOINT", emulator_->Endpoint().c_str(), 1);
+        setenv("ALIBABA_CLOUD_METADATA_ENDPOINT", emulator_->MetadataEndpoint().c_str(), 1);
+        setenv("ALIBABA_CLOUD_BRIDGE_TIME_SCALE", "0.01", 1);
+        unsetenv("ALIBABA_CLOUD_REGION_ID");
+        unsetenv("ALIBABA_CLOUD_SECURITY_TOKEN");
+    }
+    static void TearDownTestSuite() {
+        delete emulator_;
+        emulator_ = nullptr;
+    }
+
+    void SetUp() override {
+        ASSERT_NE(emulator_, nullptr);
+        ASSERT_EQ(emulator_->Reset(), "");
+        const auto creds = emulator_->DemoCredentials();
+        ASSERT_TRUE(bridge_.Connect(creds.accessKeyId, creds.accessKeySecret)) << bridge_.GetLastError();
+    }
+
+    httplib::Client Control() { return httplib::Client("127.0.0.1", emulator_->Port()); }
+
+    json State() {
+        auto res = Control().Get("/_sim/state");
+        EXPECT_TRUE(res && res->status == 200);
+        return res ? json::parse(res->body) : json();
+    }
+    json Find(const char* list, const char* idKey, const std::string& id) {
+        const json state = State();
+        for (const json& o : state[list]) {
+            if (o.value(idKey, "") == id) return o;
+        }
+        return json();
+    }
+    int Calls(const std::string& action) {
+        auto res = Control().Get("/_sim/calls");
+        if (!res) return -1;
+        json j = json::parse(res->body);
+        return j["actions"].contains(action) ? j["actions"][action].value("calls", 0) : 0;
+    }
+    void Fault(const json& rule) {
+        const json body = {{"rules", json::array({rule})}};
+        auto res = Control().Post("/_sim/faults", body.dump(), "application/json");
+        ASSERT_TRUE(res && res->status == 200) << (res ? res->body : "no answer");
+    }
+    static std::string Tag(const json& object, const std::string& key) {
+        for (const json& t : object["Tags"]["Tag"]) {
+            if (t.value("TagKey", "") == key) return t.value("TagValue", "");
+        }
+        return "<missing>";
+    }
+    // Polls the bridge (not the emulator) until `done`, within a few seconds.
+    static bool Eventually(const std::function<bool()>& done) {
+        for (int i = 0; i < 200; ++i) {
+            if (done()) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+    std::string Snapshot(const std::string& diskId) {
+        SChildDisk snap;
+        EXPECT_TRUE(bridge_.CreateSnapshot(diskId, snap, "", "")) << bridge_.GetLastError();
+        bool completed = false;
+        EXPECT_TRUE(Eventually([&] { return bridge_.IsSnapshotCompleted(kRegion, snap.snapshotId, completed) && completed; }))
+            << bridge_.GetLastError();
+        return snap.snapshotId;
+    }
+
+    static hxsim::Emulator* emulator_;
+    CAliCloudSDKCppBridge bridge_;
+};
+
+hxsim::Emulator* BridgeOnEmulator::emulator_ = nullptr;
+
+TEST_F(BridgeOnEmulator, ConnectRefusesABadSecretWithoutEchoingIt) {
+    CAliCloudSDKCppBridge other;
+    const std::string secret = "WrongSecretThatMustNotLeak123";
+    EXPECT_FALSE(other.Connect(emulator_->DemoCredentials().accessKeyId, secret));
+    const std::string error = other.GetLastError();
+    EXPECT_NE(error.find("SignatureDoesNotMatch"), std::string::npos) << error;
+    EXPECT_EQ(error.find(secret), std::string::npos) << error;
+    std::vector<SVMInfo> vms;
+    EXPECT_FALSE(other.GetVMInfoList(vms));  // not connected
+    EXPECT_TRUE(bridge_.Disconnect());
+    EXPECT_FALSE(bridge_.RefreshVMInfoCache());
+}
+
+TEST_F(BridgeOnEmulator, InventoryOfRegionsZonesInstancesAndTypes) {
+    std::vector<SDataCenterInfo> dcs;
+    ASSERT_TRUE(bridge_.GetDCInfoList(dcs, kInstances | kZones, 0)) << bridge_.GetLastError();
+    ASSERT_EQ(dcs.size(), 2u);
+    EXPECT_EQ(dcs[0].name, kRegion);
+    EXPECT_EQ(dcs[0].localName, "China (Hangzhou)");
+    EXPECT_EQ(dcs[0].hostList.size(), 2u);
+    EXPECT_EQ(dcs[0].vmList.size(), 5u);
+    EXPECT_EQ(dcs[1].hostList.size(), 1u);
+    EXPECT_TRUE(dcs[1].vmList.empty());
+
+    SDataCenterInfo dc;
+    ASSERT_TRUE(bridge_.GetDCInfoForDC(kRegion, kZones, 0, dc));
+    EXPECT_EQ(dc.hostList.size(), 2u);
+    EXPECT_TRUE(dc.vmList.empty());  // bit 29 not asked
+    EXPECT_FALSE(bridge_.GetDCInfoForDC("xx-nowhere-1", 0, 0, dc));
+
+    std::vector<SHostInfo> zones;
+    ASSERT_TRUE(bridge_.GetHostInfoList(zones, 0, 0));
+    EXPECT_EQ(zones.size(), 3u);
+    SHostInfo zone;
+    ASSERT_TRUE(bridge_.GetHostInfoForHost("cn-hangzhou-i", kInstances, 0, zone, "")) << bridge_.GetLastError();
+    EXPECT_EQ(zone.regionId, kRegion);
+    ASSERT_EQ(zone.vmList.size(), 1u);
+    EXPECT_EQ(zone.vmList[0].name, "web-02");
+
+    std::vector<SVMInfo> vms;
+    ASSERT_TRUE(bridge_.GetVMInfoList(vms));
+    EXPECT_TRUE(vms.empty());  // before a refresh
+    ASSERT_TRUE(bridge_.RefreshVMInfoCache());
+    ASSERT_TRUE(bridge_.GetVMInfoList(vms));
+    EXPECT_EQ(vms.size(), 5u);
+    ASSERT_TRUE(bridge_.GetVMInfoListForRegion(kRegion, vms, "db-01"));
+    ASSERT_EQ(vms.size(), 1u);
+    EXPECT_EQ(vms[0].guid, kDb);
+    ASSERT_TRUE(bridge_.GetVMInfoListForRegion(kRegion, vms, "db-0"));
+    EXPECT_TRUE(vms.empty());  // exact names only
+
+    std::vector<SVMSizeInfo> zoneTypes, regionTypes;
+    ASSERT_TRUE(bridge_.GetInstanceTypesForZone(kRegion, "cn-hangzhou-i", zoneTypes)) << bridge_.GetLastError();
+    EXPECT_EQ(zoneTypes.size(), 2u);
+    ASSERT_TRUE(bridge_.GetInstanceTypesForRegion(kRegion, regionTypes)) << bridge_.GetLastError();
+    auto t6 = std::find_if(regionTypes.begin(), regionTypes.end(),
+                           [](const SVMSizeInfo& s) { return s.name == "ecs.t6-c1m2.large"; });
+    ASSERT_NE(t6, regionTypes.end());
+    EXPECT_EQ(t6->specValue1, 2);
+    EXPECT_EQ(t6->specValue2, 4096);
+    EXPECT_EQ(t6->maxDisks, 5);
+}
+
+TEST_F(BridgeOnEmulator, InstanceDescriptionAndConfigurationDocumentRoundTrip) {
+    SVMInfo vm;
+    ASSERT_TRUE(bridge_.GetVMInfoForVM(kDb, vm, 16, 0)) << bridge_.GetLastError();
+    EXPECT_EQ(vm.name, "db-01");
+    EXPECT_EQ(vm.regionId, kRegion);
+    EXPECT_EQ(vm.hostName, kProxyZone);
+    EXPECT_EQ(vm.vmProfile, "ecs.g7.xlarge");
+    EXPECT_EQ(vm.guestOS, "Ubuntu 22.04 64-bit;x86_64");
+    EXPECT_EQ(vm.cpuCount, 4);
+    EXPECT_EQ(vm.memoryMiB, 16384);
+    ASSERT_EQ(vm.disks.size(), 2u);
+    EXPECT_EQ(vm.disks[0].diskId, kDbSystemDisk);
+    EXPECT_TRUE(vm.disks[0].isOSDisk);
+    EXPECT_EQ(vm.disks[1].diskId, kDbDataDisk);
+    EXPECT_EQ(vm.disks[1].diskSize, 2);
+    EXPECT_EQ(vm.disks[1].size, 2LL << 30);
+    EXPECT_EQ(vm.disks[1].diskName, "db-data");
+    ASSERT_EQ(vm.networkCards.size(), 1u);
+    EXPECT_FALSE(vm.networkCards[0].vSwitchId.empty());
+    ASSERT_EQ(vm.securityGroups.size(), 1u);
+
+    SVMInfo described;
+    std::string config;
+    ASSERT_TRUE(bridge_.GetVMInfoAndConfigFile(kDb, 16, 0, described, config)) << bridge_.GetLastError();
+    SVMInfo back;
+    ASSERT_TRUE(bridge_.GetVMInfoFromConfigFile(config, back)) << bridge_.GetLastError();
+    EXPECT_EQ(back.guid, kDb);
+    EXPECT_EQ(back.vmProfile, vm.vmProfile);
+    EXPECT_EQ(back.guestOS, vm.guestOS);
+    EXPECT_EQ(back.networkCards[0].vSwitchId, vm.networkCards[0].vSwitchId);
+    ASSERT_EQ(back.disks.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(back.disks[i].diskId, vm.disks[i].diskId);
+        EXPECT_EQ(back.disks[i].size, vm.disks[i].size);
+        EXPECT_EQ(back.disks[i].category, vm.disks[i].category);
+        EXPECT_EQ(back.disks[i].isOSDisk, vm.disks[i].isOSDisk);
+        EXPECT_EQ(back.disks[i].zone, vm.disks[i].zone);
+        EXPECT_EQ(back.disks[i].diskType, 1u);
+    }
+
+    json newer = json::parse(config);
+    newer["version"] = 2;
+    EXPECT_FALSE(bridge_.GetVMInfoFromConfigFile(newer.dump(), back));
+    EXPECT_NE(bridge_.GetLastError().find("UnsupportedConfigDocumentVersion"), std::string::npos);
+}
+
+TEST_F(BridgeOnEmulator, LocalInstanceIdFromTheMetadataServiceInBothModes) {
+    std::string id;
+    ASSERT_TRUE(bridge_.GetLocalInstanceId(id)) << bridge_.GetLastError();
+    EXPECT_EQ(id, kProxy);
+    auto res = Control().Post("/_sim/metadata", R"({"tokenRequired":true})", "application/json");
+    ASSERT_TRUE(res && res->status == 200);
+    CAliCloudSDKCppBridge fresh;
+    id.clear();
+    ASSERT_TRUE(fresh.GetLocalInstanceId(id)) << fresh.GetLastError();
+    EXPECT_EQ(id, kProxy);
+}
+
+TEST_F(BridgeOnEmulator, BackupPathSnapshotDiskAttachDetachDelete) {
+    const std::string snap = Snapshot(kDbDataDisk);
+    json s = Find("snapshots", "SnapshotId", snap);
+    EXPECT_EQ(s.value("Status", ""), "accomplished");
+    EXPECT_EQ(Tag(s, "hx:created-by"), "HXAliCloudSDKCppBridge");
+    EXPECT_EQ(Tag(s, "hx:proxy-instance"), kProxy);
+
+    SDisk disk;
+    ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, disk, snap, "", "cloud_essd", 0, false, ""))
+        << bridge_.GetLastError();
+    // The 2 GiB source is below the ESSD minimum: the copy is made at 20 GiB, not refused.
+    EXPECT_EQ(disk.diskSize, 20);
+    json d = Find("disks", "DiskId", disk.diskId);
+    EXPECT_EQ(d.value("Status", ""), "Available");  // CreateDisk waited
+    EXPECT_EQ(d.value("SourceSnapshotId", ""), snap);
+    EXPECT_EQ(Tag(d, "hx:created-by"), "HXAliCloudSDKCppBridge");
+
+    bool limit = true;
+    ASSERT_TRUE(bridge_.AttachDisk(kProxy, disk.diskId, limit, true)) << bridge_.GetLastError();
+    EXPECT_FALSE(limit);
+    d = Find("disks", "DiskId", disk.diskId);
+    EXPECT_EQ(d.value("Status", ""), "In_use");
+    EXPECT_EQ(d.value("InstanceId", ""), kProxy);
+    EXPECT_TRUE(std::filesystem::exists(emulator_->ByIdDir() / ("virtio-" + d.value("SerialNumber", ""))));
+    // Attaching again is a no-op, not an error.
+    EXPECT_TRUE(bridge_.AttachDisk(kProxy, disk.diskId, limit, true)) << bridge_.GetLastError();
+
+    ASSERT_TRUE(bridge_.DetachDisk(kProxy, disk.diskId, kRegion)) << bridge_.GetLastError();
+    EXPECT_EQ(Find("disks", "DiskId", disk.diskId).value("Status", ""), "Available");
+
+    bool exists = false;
+    ASSERT_TRUE(bridge_.DoesDiskExist(kRegion, disk.diskId, exists));
+    EXPECT_TRUE(exists);
+    ASSERT_TRUE(bridge_.DeleteDisk(disk.diskId)) << bridge_.GetLastError();
+    EXPECT_TRUE(Find("disks", "DiskId", disk.diskId).is_null());
+    ASSERT_TRUE(bridge_.DoesDiskExist(kRegion, disk.diskId, exists)) << bridge_.GetLastError();
+    EXPECT_FALSE(exists);
+
+    ASSERT_TRUE(bridge_.DoesSnapshotExist(kRegion, snap, exists));
+    EXPECT_TRUE(exists);
+    ASSERT_TRUE(bridge_.DeleteSnapshot(snap)) << bridge_.GetLastError();
+    EXPECT_TRUE(Find("snapshots", "SnapshotId", snap).is_null());
+    ASSERT_TRUE(bridge_.DoesSnapshotExist(kRegion, snap, exists)) << bridge_.GetLastError();
+    EXPECT_FALSE(exists);
+}
+
+TEST_F(BridgeOnEmulator, NotFoundAnswers) {
+    SDisk disk;
+    EXPECT_FALSE(bridge_.GetDiskInfo(kRegion, "d-doesnotexist000000", disk));
+    EXPECT_NE(bridge_.GetLastError().find("InvalidDiskId.NotFound"), std::string::npos) << bridge_.GetLastError();
+    SVMInfo vm;
+    EXPECT_FALSE(bridge_.GetVMInfoForVM("i-doesnotexist000000", vm, 0, 0));
+    EXPECT_NE(bridge_.GetLastError().find("InvalidInstanceId.NotFound"), std::string::npos) << bridge_.GetLastError();
+    bool completed = true;
+    EXPECT_FALSE(bridge_.IsSnapshotCompleted(kRegion, "s-doesnotexist000000", completed));
+    EXPECT_FALSE(bridge_.DeleteDisk("d-doesnotexist000000"));
+    bool limit = true;
+    EXPECT_FALSE(bridge_.AttachDisk(kProxy, "d-doesnotexist000000", limit, true));
+    EXPECT_FALSE(limit);
+}
+
+TEST_F(BridgeOnEmulator, DiskLimitOfTheInstanceSetsTheFlag) {
+    SDisk a, b;
+    ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, a, "", "", "cloud_essd", 20, false, "")) << bridge_.GetLastError();
+    ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, b, "", "", "cloud_essd", 20, false, "")) << bridge_.GetLastError();
+    bool limit = true;
+    ASSERT_TRUE(bridge_.AttachDisk(kApp, a.diskId, limit, true)) << bridge_.GetLastError();  // the fifth disk
+    EXPECT_FALSE(limit);
+    EXPECT_FALSE(bridge_.AttachDisk(kApp, b.diskId, limit, true));
+    EXPECT_TRUE(limit);
+    EXPECT_NE(bridge_.GetLastError().find("InstanceDiskLimitExceeded"), std::string::npos) << bridge_.GetLastError();
+    EXPECT_EQ(Find("disks", "DiskId", b.diskId).value("Status", ""), "Available");
+}
+
+TEST_F(BridgeOnEmulator, ThrottledCallsSucceedAfterRetriesWithinABound) {
+    Fault({{"action", "DescribeDisks"}, {"failNext", 3}, {"code", "Throttling.User"}});
+    const int before = Calls("DescribeDisks");
+    SDisk disk;
+    ASSERT_TRUE(bridge_.GetDiskInfo(kRegion, kDbDataDisk, disk)) << bridge_.GetLastError();
+    EXPECT_EQ(disk.diskName, "db-data");
+    EXPECT_EQ(Calls("DescribeDisks") - before, 4);
+
+    Fault({{"action", "DescribeDisks"}, {"failNext", 50}, {"code", "ServiceUnavailable"}});
+    EXPECT_FALSE(bridge_.GetDiskInfo(kRegion, kDbDataDisk, disk));
+    EXPECT_NE(bridge_.GetLastError().find("ServiceUnavailable"), std::string::npos);
+    EXPECT_LE(Calls("DescribeDisks") - before, 4 + 6);  // the retry bound holds
+}
+
+TEST_F(BridgeOnEmulator, ACreateRetriedAfterALostAnswerCreatesOnce) {
+    const size_t disksBefore = State()["disks"].size();
+    Fault({{"action", "CreateDisk"}, {"dropNext", 1}});
+    SDisk disk;
+    ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, disk, "", "restored", "cloud_essd", 30, false, "why"))
+        << bridge_.GetLastError();
+    EXPECT_EQ(Calls("CreateDisk"), 2);
+    EXPECT_EQ(State()["disks"].size(), disksBefore + 1);
+    EXPECT_EQ(Find("disks", "DiskId", disk.diskId).value("Description", ""), "why");
+
+    // The same for snapshots.
+    const size_t snapsBefore = State()["snapshots"].size();
+    Fault({{"action", "CreateSnapshot"}, {"dropNext", 1}});
+    SChildDisk snap;
+    ASSERT_TRUE(bridge_.CreateSnapshot(kDbDataDisk, snap, "", "")) << bridge_.GetLastError();
+    EXPECT_EQ(State()["snapshots"].size(), snapsBefore + 1);
+    EXPECT_EQ(snap.parentDiskId, kDbDataDisk);
+    EXPECT_EQ(snap.diskSize, 2);
+
+    // And a delete whose answer is lost still reports success.
+    Fault({{"action", "DeleteDisk"}, {"dropNext", 1}});
+    EXPECT_TRUE(bridge_.DeleteDisk(disk.diskId)) << bridge_.GetLastError();
+    EXPECT_TRUE(Find("disks", "DiskId", disk.diskId).is_null());
+}
+
+TEST_F(BridgeOnEmulator, RestorePathImageInstancePowerAndDelete) {
+    SVMInfo source;
+    std::string config;
+    ASSERT_TRUE(bridge_.GetVMInfoAndConfigFile(kDb, 16, 0, source, config)) << bridge_.GetLastError();
+    const std::string snap = Snapshot(kDbSystemDisk);
+
+    std::string imageId;
+    ASSERT_TRUE(bridge_.CreateImageFromDiskSnapshots(kRegion, snap, {}, "x86_64", "Ubuntu 22.04 64-bit", imageId, "",
+                                                     "restore image"))
+        << bridge_.GetLastError();
+    json image = Find("images", "ImageId", imageId);
+    EXPECT_EQ(image.value("Status", ""), "Available");  // the bridge waited
+    EXPECT_EQ(image.value("Platform", ""), "Ubuntu");
+    EXPECT_EQ(image.value("Architecture", ""), "x86_64");
+    EXPECT_EQ(Tag(image, "hx:created-by"), "HXAliCloudSDKCppBridge");
+
+    SVMInfo target;
+    ASSERT_TRUE(bridge_.GetVMInfoFromConfigFile(config, target));
+    target.guid.clear();
+    target.name = "db-01-restored";
+    target.hostName = kProxyZone;
+    std::string newId;
+    ASSERT_TRUE(bridge_.CreateInstance(target, imageId, config, newId)) << bridge_.GetLastError();
+    json inst = Find("instances", "InstanceId", newId);
+    EXPECT_EQ(inst.value("InstanceName", ""), "db-01-restored");
+    EXPECT_EQ(inst.value("InstanceType", ""), "ecs.g7.xlarge");
+    EXPECT_EQ(inst["VpcAttributes"].value("VSwitchId", ""), source.networkCards[0].vSwitchId);
+    EXPECT_EQ(Tag(inst, "app"), "db");  // the backed-up instance's tags came back
+
+    std::string status;
+    EXPECT_TRUE(Eventually([&] { return bridge_.GetInstanceStatus(newId, status) && status == "Stopped"; })) << status;
+    target.guid = newId;
+    EXPECT_TRUE(bridge_.AddPeripheralComponents(target, config)) << bridge_.GetLastError();
+
+    ASSERT_TRUE(bridge_.PowerOnInstance(newId)) << bridge_.GetLastError();
+    EXPECT_TRUE(Eventually([&] { return bridge_.GetInstanceStatus(newId, status) && status == "Running"; })) << status;
+    ASSERT_TRUE(bridge_.PowerOffInstance(newId, true, true, false)) << bridge_.GetLastError();
+    EXPECT_EQ(Find("instances", "InstanceId", newId).value("Status", ""), "Stopped");  // waited
+    ASSERT_TRUE(bridge_.DeleteInstance(newId)) << bridge_.GetLastError();
+    EXPECT_TRUE(Find("instances", "InstanceId", newId).is_null());
+
+    ASSERT_TRUE(bridge_.DeleteImage(kRegion, imageId, true)) << bridge_.GetLastError();
+    EXPECT_TRUE(Find("images", "ImageId", imageId).is_null());
+    EXPECT_TRUE(bridge_.DeleteSnapshot(snap)) << bridge_.GetLastError();
+}
+
+}  // namespace
+
+// The metadata service is unreachable: the bridge answers quickly, with an empty id.
+TEST(BridgeOffEcs, LocalInstanceIdFailsFastWhenTheMetadataServiceIsUnreachable) {
+    const int port = ClosedPort();
+    setenv("ALIBABA_CLOUD_METADATA_ENDPOINT", ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);
+    CAliCloudSDKCppBridge bridge;
+    std::string id = "stale";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(bridge.GetLocalInstanceId(id));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_TRUE(id.empty());
+    EXPECT_NE(bridge.GetLastError().find("MetadataUnavailable"), std::string::npos);
+}
