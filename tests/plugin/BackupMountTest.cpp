@@ -60,15 +60,6 @@ TEST_F(BackupMountTest, RefusalsStopBeforeTheCleanerAndTheCloudAreTouched) {
     }
 }
 
-TEST_F(BackupMountTest, DoesOSDiskExistFindsTheSystemDiskAnywhereInTheList) {
-    BackupPlugin plugin;
-    SDisk os, data;
-    os.isOSDisk = true;
-    EXPECT_FALSE(plugin.DoesOSDiskExist({}));
-    EXPECT_FALSE(plugin.DoesOSDiskExist({data, data}));
-    EXPECT_TRUE(plugin.DoesOSDiskExist({data, os}));
-}
-
 TEST_F(BackupMountTest, MountSnapshotsEveryDiskWaitsAndMakesRegisteredCopies) {
     cloud().snapshotPolls = 2;  // each snapshot answers "not yet" twice
     BackupPlugin plugin;

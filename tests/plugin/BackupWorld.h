@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -30,11 +31,18 @@ inline void Build() {
     cloud.AddDisk("d-data", "i-src", 100, false, "cloud_efficiency");
 }
 
+// Directories made by MakeMountPath; BackupFixture removes them after each test.
+inline std::vector<std::string>& MadeDirectories() {
+    static std::vector<std::string> dirs;
+    return dirs;
+}
+
 // A fresh directory per call; the configuration file lands beside it ("<dir>\<id>_...").
 inline std::string MakeMountPath() {
     char tmpl[] = "/tmp/backup-test-XXXXXX";
     const char* dir = mkdtemp(tmpl);
     if (!dir) return "/tmp/backup-test-missing/mnt";
+    MadeDirectories().push_back(dir);
     const std::string mountPath = std::string(dir) + "/mnt";
     mkdir(mountPath.c_str(), 0700);  // what the framework's mount-path preparation does
     return mountPath;
@@ -77,6 +85,12 @@ protected:
     void SetUp() override {
         PluginFixture::SetUp();
         backupworld::Build();
+    }
+    void TearDown() override {
+        PluginFixture::TearDown();
+        std::error_code ignored;
+        for (const auto& dir : backupworld::MadeDirectories()) std::filesystem::remove_all(dir, ignored);
+        backupworld::MadeDirectories().clear();
     }
     fakecloud::Cloud& cloud() { return fakecloud::TheCloud(); }
     fakefw::CleanerStore& store() { return fakefw::Cleaner(); }
