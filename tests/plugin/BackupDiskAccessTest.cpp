@@ -13,7 +13,7 @@ namespace {
 class BackupDiskAccessTest : public BackupFixture {
 protected:
     // Mounts i-src and returns the id of the copy of its OS disk.
-    std::string Mount(BackupPlugin& plugin, MountCtx& ctx) {
+    std::string Mount(TestPlugin& plugin, MountCtx& ctx) {
         ctx = Job();
         EXPECT_EQ(1, plugin.MountVM(ctx));
         fakefw::Mapper() = fakefw::MapperScript{};
@@ -41,7 +41,7 @@ TEST_F(BackupDiskAccessTest, AFullProxyMakesABackupWaitAndARestoreGiveUp) {
                           Case{"restore", true, -1, -1, 0, VMINFO_ERR_PROXY_DISK_LIMIT, 0}}) {
         SCOPED_TRACE(c.name);
         SetUp();
-        BackupPlugin plugin;
+        TestPlugin plugin;
         MountCtx ctx;
         std::string id = Mount(plugin, ctx);
         if (c.forRestore) {
@@ -83,7 +83,7 @@ TEST_F(BackupDiskAccessTest, AFullProxyMakesABackupWaitAndARestoreGiveUp) {
 }
 
 TEST_F(BackupDiskAccessTest, AnOrdinaryAttachFailureEndsTheOpenWithTheBridgeText) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx;
     const std::string id = Mount(plugin, ctx);
     cloud().FailNext("AttachDisk", "IncorrectDiskStatus: busy");
@@ -100,7 +100,7 @@ TEST_F(BackupDiskAccessTest, AnOrdinaryAttachFailureEndsTheOpenWithTheBridgeText
 }
 
 TEST_F(BackupDiskAccessTest, HandlesThatDoNotResolveAreRefused) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx;
     Mount(plugin, ctx);
     VmdkHandle handle;
@@ -127,7 +127,7 @@ TEST_F(BackupDiskAccessTest, HandlesThatDoNotResolveAreRefused) {
 }
 
 TEST_F(BackupDiskAccessTest, CloseBracketsTheDetachAndKeepsADiskThatCannotBeFlushed) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx;
     const std::string id = Mount(plugin, ctx);
     VmdkHandle handle;
@@ -165,7 +165,7 @@ TEST_F(BackupDiskAccessTest, ListAttachClosesTheMapperBracketOnceWhenItFails) {
     }
     disks[1].filtered = true;
 
-    BackupPlugin plugin;
+    TestPlugin plugin;
     cloud().FailCall("AttachDisk", 2, {"InvalidDiskId.NotFound: gone", false});
     EXPECT_FALSE(plugin._AttachDisksToProxy(disks, true, false));
     EXPECT_EQ(VMINFO_ERR_DISK_ATTACH, plugin.GetLastVMError());

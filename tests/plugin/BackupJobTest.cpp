@@ -14,7 +14,7 @@ namespace {
 class BackupJobTest : public BackupFixture {};
 
 TEST_F(BackupJobTest, AWholeBackupReadsEveryDiskAndLeavesNothingBehind) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     ASSERT_EQ(1, plugin.MountVM(ctx));
 
@@ -66,7 +66,7 @@ TEST_F(BackupJobTest, AWholeBackupReadsEveryDiskAndLeavesNothingBehind) {
 }
 
 TEST_F(BackupJobTest, UnmountDetachesADiskTheAgentLeftOpen) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     ASSERT_EQ(1, plugin.MountVM(ctx));
     VmdkHandle handle;
@@ -80,13 +80,13 @@ TEST_F(BackupJobTest, UnmountDetachesADiskTheAgentLeftOpen) {
 TEST_F(BackupJobTest, CleanupOfAnAbandonedMountDetachesThroughTheBridgeAndKeepsTheFile) {
     MountCtx ctx = Job();
     {
-        BackupPlugin crashed;
+        TestPlugin crashed;
         ASSERT_EQ(1, crashed.MountVM(ctx));
         VmdkHandle handle;
         ASSERT_EQ(1, crashed.OpenVmdk(ctx.vmName, ctx.vmGuid, ctx.vmInfo.disks[0].newDiskId, handle));
     }
     store().MarkOrphaned("i-src");  // its process is gone
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx again = ctx;
     ASSERT_EQ(1, plugin.CleanupVM(again));
     const auto detaches = cloud().CallsTo("DetachDisk");
@@ -100,7 +100,7 @@ TEST_F(BackupJobTest, CleanupOfAnAbandonedMountDetachesThroughTheBridgeAndKeepsT
 }
 
 TEST_F(BackupJobTest, MountInformationSkipsDisksWithoutCopiesAndAMissingFile) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx;
     ctx.mountPath = backupworld::MakeMountPath() + "/";  // a trailing separator is kept as given
     ctx.vmInfo.guid = "i-src";

@@ -48,7 +48,7 @@ TEST_F(BackupMountTest, RefusalsStopBeforeTheCleanerAndTheCloudAreTouched) {
         fakecloud::Reset();
         backupworld::Build();
         c.arrange();
-        BackupPlugin plugin;
+        TestPlugin plugin;
         MountCtx ctx = Job(c.vmGuid);
         EXPECT_EQ(0, plugin.MountVM(ctx));
         EXPECT_EQ(c.code, plugin.GetLastVMError());
@@ -62,7 +62,7 @@ TEST_F(BackupMountTest, RefusalsStopBeforeTheCleanerAndTheCloudAreTouched) {
 
 TEST_F(BackupMountTest, MountSnapshotsEveryDiskWaitsAndMakesRegisteredCopies) {
     cloud().snapshotPolls = 2;  // each snapshot answers "not yet" twice
-    BackupPlugin plugin;
+    TestPlugin plugin;
     plugin.SetLastVMError(VMINFO_ERR_DISK_ATTACH);
     MountCtx ctx = Job();
     ASSERT_EQ(1, plugin.MountVM(ctx));
@@ -100,7 +100,7 @@ TEST_F(BackupMountTest, MountSnapshotsEveryDiskWaitsAndMakesRegisteredCopies) {
 
 TEST_F(BackupMountTest, FilteredDisksAreSnapshottedButGetNoCopy) {
     cloud().disks["d-data"].info.diskType = 2;  // not a cloud disk: ignored by every cloud step
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     ctx.excludedDisks = {"d-os"};
     ASSERT_EQ(1, plugin.MountVM(ctx));
@@ -114,7 +114,7 @@ TEST_F(BackupMountTest, FilteredDisksAreSnapshottedButGetNoCopy) {
 }
 
 TEST_F(BackupMountTest, AnEmptyDiskListReachingTheSnapshotPhaseFails) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx;
     EXPECT_FALSE(plugin.TakeSnapshots(ctx));
     EXPECT_EQ(VMINFO_ERR_ALL_DISKS_FILTERED, plugin.GetLastVMError());
@@ -123,7 +123,7 @@ TEST_F(BackupMountTest, AnEmptyDiskListReachingTheSnapshotPhaseFails) {
 
 TEST_F(BackupMountTest, AFailedSnapshotKeepsTheEarlierOneRegistered) {
     cloud().FailCall("CreateSnapshot", 2, {"QuotaExceed.Snapshot: too many", false});
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     EXPECT_EQ(0, plugin.MountVM(ctx));
     const std::string text = "Failed to create snapshot for disk [d-data]. Error: [QuotaExceed.Snapshot: too many].";
@@ -139,7 +139,7 @@ TEST_F(BackupMountTest, ASnapshotThatNeverCompletesIsWaitedForUntilCancel) {
     fakefw::OnSleep([](const fakefw::SleepRecord&) {
         if (fakefw::Sleeps().size() == 3) fakefw::CancelAfterChecks(0);
     });
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     EXPECT_EQ(0, plugin.MountVM(ctx));
     EXPECT_EQ(VMINFO_ERR_JOB_CANCELLED, plugin.GetLastVMError());
@@ -152,7 +152,7 @@ TEST_F(BackupMountTest, ASnapshotThatNeverCompletesIsWaitedForUntilCancel) {
 
 TEST_F(BackupMountTest, AFailedStatusQueryFailsTheMountWithTheBridgeText) {
     cloud().FailNext("IsSnapshotCompleted", "Throttling.User: slow down");
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     EXPECT_EQ(0, plugin.MountVM(ctx));
     EXPECT_EQ(VMINFO_ERR_DISK_CREATE, plugin.GetLastVMError());
@@ -167,7 +167,7 @@ TEST_F(BackupMountTest, AFailedStatusQueryFailsTheMountWithTheBridgeText) {
 TEST_F(BackupMountTest, DiskCreationFailingHalfWayKeepsTheFirstCopyRegistered) {
     cloud().AddDisk("d-logs", "i-src", 20);
     cloud().FailCall("CreateDisk", 2, {"OperationDenied.NoStock: no stock", false});
-    BackupPlugin plugin;
+    TestPlugin plugin;
     MountCtx ctx = Job();
     EXPECT_EQ(0, plugin.MountVM(ctx));
     EXPECT_EQ(VMINFO_ERR_DISK_CREATE, plugin.GetLastVMError());
@@ -198,7 +198,7 @@ TEST_F(BackupMountTest, LaterPhaseFailuresLeaveEverythingRegistered) {
         fakecloud::Reset();
         backupworld::Build();
         c.arrange();
-        BackupPlugin plugin;
+        TestPlugin plugin;
         MountCtx ctx = Job();
         EXPECT_EQ(0, plugin.MountVM(ctx));
         EXPECT_EQ(c.code, plugin.GetLastVMError());

@@ -14,7 +14,7 @@ namespace {
 class BackupTeardownTest : public BackupFixture {
 protected:
     // Proxy known and cleaner open, as after a mount's preparation.
-    void Prepare(BackupPlugin& plugin) {
+    void Prepare(TestPlugin& plugin) {
         MountCtx ctx = Job();
         ASSERT_TRUE(plugin._InitProxyInfoForBackup(ctx));
         ASSERT_TRUE(plugin._InitMount());
@@ -23,7 +23,7 @@ protected:
         cloud().disks[id].info.diskId = id;
         cloud().disks[id].info.zone = backupworld::kZone;
     }
-    std::string PathOf(BackupPlugin& plugin, VM_Cleaner_Mode mode, const std::string& vm) {
+    std::string PathOf(TestPlugin& plugin, VM_Cleaner_Mode mode, const std::string& vm) {
         std::string path;
         EXPECT_TRUE(plugin.Cleaner().GetRegisteredVM(mode, vm, path, false));
         return path;
@@ -33,7 +33,7 @@ protected:
 TEST_F(BackupTeardownTest, AFailedSnapshotDeletionKeepsTheInstanceRegisteredForTheNextSweep) {
     MountCtx ctx = Job();
     {
-        BackupPlugin plugin;
+        TestPlugin plugin;
         ASSERT_EQ(1, plugin.MountVM(ctx));
         cloud().FailNext("DeleteSnapshot", "IncorrectSnapshotStatus: in use");
         EXPECT_EQ(0, plugin.UnmountVM(ctx));
@@ -49,7 +49,7 @@ TEST_F(BackupTeardownTest, AFailedSnapshotDeletionKeepsTheInstanceRegisteredForT
     }
     store().MarkOrphaned("i-src");
 
-    BackupPlugin next;
+    TestPlugin next;
     Prepare(next);
     MountCtx other = Job("i-other");
     ASSERT_TRUE(next.RegisterCleanerForBackup(other));
@@ -77,7 +77,7 @@ TEST_F(BackupTeardownTest, TheSweepRecordsItselfOnlyWhenItCouldReadTheOrphans) {
         if (c.orphan) store().AddOrphanVM(VM_CLEANER_MODE_BACKUP, "i-old");
         store().SetCleanupRequired(true);
         if (c.listFails) store().FailNext("GetOrphanedRootEntityListByType");
-        BackupPlugin plugin;
+        TestPlugin plugin;
         Prepare(plugin);
         EXPECT_TRUE(plugin._CleanupAllVMs(VM_CLEANER_MODE_BACKUP));
         EXPECT_EQ(c.posts, store().postAllVMCleanupCalls);
@@ -87,7 +87,7 @@ TEST_F(BackupTeardownTest, TheSweepRecordsItselfOnlyWhenItCouldReadTheOrphans) {
 }
 
 TEST_F(BackupTeardownTest, DeletionTriesEveryItemAndUnregistersOnlyWhatIsGone) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     Prepare(plugin);
     auto& cleaner = plugin.Cleaner();
     ASSERT_TRUE(cleaner.RegisterVM(VM_CLEANER_MODE_BACKUP, "i-x"));
@@ -123,7 +123,7 @@ TEST_F(BackupTeardownTest, DeletionTriesEveryItemAndUnregistersOnlyWhatIsGone) {
 }
 
 TEST_F(BackupTeardownTest, ARestoreCleanupDeletesImagesFirstAndKeepsWhatFailed) {
-    BackupPlugin plugin;
+    TestPlugin plugin;
     Prepare(plugin);
     const int vm = store().AddOrphanVM(VM_CLEANER_MODE_RESTORE, "guid-r");
     for (const char* id : {"m-stuck", "m-ok"}) {

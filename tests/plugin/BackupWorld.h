@@ -66,20 +66,6 @@ inline std::vector<std::string> SnapshotIds(const MountCtx& ctx) {
 
 }  // namespace backupworld
 
-// A plug-in that, when it goes, disconnects the instances a test left in its disk registry
-// (the registry leaves that to the job's unmount, which not every test reaches).
-class BackupPlugin : public TestPlugin {
-public:
-    ~BackupPlugin() override {
-        if (!DiskRegistry()) return;
-        for (const char* id : {"i-src", "i-up", "i-far", "i-bare"}) {
-            SVMInfo vm;
-            vm.guid = id;
-            DiskRegistry()->Disconnect(vm);
-        }
-    }
-};
-
 class BackupFixture : public PluginFixture {
 protected:
     void SetUp() override {
