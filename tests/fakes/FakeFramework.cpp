@@ -286,6 +286,11 @@ bool VMCleaner::RegisterEntity(VM_Cleaner_Mode mode, VM_Cleaner_EntityType kind,
         int parent = RowOf(parentHandle, "h:");
         if (!store.FindRow(parent)) return false;
         e.parentRow = parent;
+    } else if (store.rootRegistrationIdempotent) {
+        for (const auto& held : store.Entities())
+            if (held.parentRow == 0 && !held.orphaned && held.identity == e.identity && held.mode == mode &&
+                held.kind == kind && held.id == id)
+                return true;
     }
     store.AddEntity(e);
     return true;

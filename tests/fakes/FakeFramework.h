@@ -92,6 +92,12 @@ public:
     void MarkOrphaned(const std::string& vmGuid);
     // Overrides IsAllVMCleanupRequired's answer (default: whether orphaned roots exist).
     void SetCleanupRequired(bool required);
+    // When on, registering a root that is already registered live with the same identity,
+    // mode, kind and id adds nothing and succeeds, as the runtime store does for a root its
+    // own process holds (a retried restore registers its temporary id again). Off by
+    // default: every registration adds an entity. Reset turns it off.
+    void SetRootRegistrationIdempotent(bool on) { rootRegistrationIdempotent = on; }
+    bool rootRegistrationIdempotent = false;
 
     const std::vector<Entity>& Entities() const { return entities_; }
     // Ids of the entities of `kind` under the root VM `vmGuid` (any mode), in order.
