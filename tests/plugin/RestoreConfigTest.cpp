@@ -70,14 +70,6 @@ TEST_F(RestoreConfigTest, AFolderWithoutJsonFailsWithTheXmlMessageAndCode118) {
     EXPECT_EQ(kFindVMConfigFile, lines[0].tag);
 }
 
-TEST_F(RestoreConfigTest, AnEmptyFolderIsSearchedWithoutError) {
-    TempDir dir;
-    RestoreCtx ctx = restoreworld::Request(dir.path());
-    EXPECT_FALSE(plugin.FindVMConfigFile(ctx));
-    EXPECT_TRUE(fakefw::HasLine(kFindVMConfigFile, "Could not find a .xml config file at [" + dir.path() + "]"));
-    EXPECT_EQ(1u, fakefw::ErrorTexts().size());
-}
-
 TEST_F(RestoreConfigTest, AMissingFolderIsReportedWithTheReadersError) {
     TempDir dir;
     const std::string missing = dir.path() + "/not-there";

@@ -149,15 +149,6 @@ TEST_F(RestoreDriverTest, TheInstanceIsMadeFromAnImageOfTheOSDiskAloneWithTheJob
     EXPECT_TRUE(fakefw::HasLine(kRestoreVirtualMachine, "Restored instance : [" + instance + "]."));
 }
 
-TEST_F(RestoreDriverTest, TheFirstOfSeveralSystemDisksIsTheOneSnapshotted) {
-    ctx.disks[1].isOSDisk = true;
-    ASSERT_EQ(1, plugin.RestoreVirtualMachine(ctx));
-    auto snapshots = cloud().CallsTo("CreateSnapshot");
-    ASSERT_EQ(1u, snapshots.size());
-    EXPECT_EQ("d-new-os", snapshots[0].Arg(0));
-    EXPECT_EQ(ctx.disks[0].snapshotId, cloud().CallsTo("CreateImageFromDiskSnapshots")[0].Arg(1));
-}
-
 TEST_F(RestoreDriverTest, AMalformedGuestOSOnlyWarnsAndTheImageIsRequestedWithoutOSAndArchitecture) {
     ctx.guestOSOverride = "Windows Server;x86_64;2019";
     ASSERT_EQ(1, plugin.RestoreVirtualMachine(ctx));

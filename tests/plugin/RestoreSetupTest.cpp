@@ -170,16 +170,6 @@ TEST_F(RestoreSetupTest, AFailedAttachLeavesTheDisksRegisteredForTheCleanUp) {
 
 class RegisterCleanerForRestoreTest : public RestoreSetupTest {};
 
-TEST_F(RegisterCleanerForRestoreTest, ARestartedJobKeepsItsTemporaryId) {
-    RestoreCtx ctx = restoreworld::Request();
-    ctx.tempVMId = "from-earlier-attempt";
-    ASSERT_TRUE(plugin.RegisterCleanerForRestore(ctx));
-    EXPECT_EQ("from-earlier-attempt", ctx.tempVMId);
-    EXPECT_TRUE(store().HasVM("from-earlier-attempt"));
-    ASSERT_TRUE(plugin.RegisterCleanerForRestore(ctx));
-    EXPECT_EQ("from-earlier-attempt", ctx.tempVMId);
-}
-
 TEST_F(RegisterCleanerForRestoreTest, AFailedRegistrationIsLoggedAndTheRestoreGoesOn) {
     store().FailNext("RegisterEntity");
     RestoreCtx ctx = restoreworld::Request();
@@ -285,15 +275,6 @@ TEST_F(PrepareRestoreCtxVMInfoTest, AnUnreadableConfigFileFailsButTheJobsChoices
     EXPECT_EQ(restoreworld::kZone, ctx.vmInfo.hostName);
     EXPECT_EQ("ecs.c7.xlarge", ctx.vmInfo.vmProfile);
     EXPECT_EQ(2u, ctx.vmInfo.disks.size());
-}
-
-TEST_F(PrepareRestoreCtxVMInfoTest, AnUnknownFlavourTouchesNothing) {
-    RestoreCtx ctx = restoreworld::Request("/no/such/folder");
-    ctx.restoreFlavor = 3;
-    EXPECT_FALSE(plugin.PrepareRestoreCtxVMInfo(ctx));
-    EXPECT_EQ(std::vector<std::string>{"Restore flavor [3] not implemented."}, fakefw::ErrorTexts());
-    EXPECT_EQ("", ctx.vmInfo.name);
-    EXPECT_EQ(VMINFO_ERR_NONE, plugin.GetLastVMError());
 }
 
 TEST_F(PrepareRestoreCtxVMInfoTest, FindOSDiskTakesTheFirstSystemDiskWhateverItsKindOrFilter) {
