@@ -45,15 +45,6 @@ TEST(Mapping, InstanceRecord) {
     EXPECT_EQ(vm.securityGroups[1].id, "sg-2");
 }
 
-TEST(Mapping, PowerStateFollowsStatus) {
-    for (auto [status, power] : std::vector<std::pair<const char*, unsigned>>{
-             {"Running", 1}, {"Starting", 1}, {"Stopping", 0}, {"Stopped", 0}, {"Pending", 0}}) {
-        json i = kInstance;
-        i["Status"] = status;
-        EXPECT_EQ(InstanceFromJson(i, "x86_64").powerState, power) << status;
-    }
-}
-
 TEST(Mapping, InstanceWithoutInterfaceEntriesGetsOnePrimaryCard) {
     json i = kInstance;
     i.erase("NetworkInterfaces");
@@ -93,13 +84,6 @@ TEST(Mapping, InstanceTypeRecord) {
     EXPECT_EQ(InstanceTypeFromJson(json::parse(R"({"InstanceTypeId":"t","MemorySize":0.5})")).specValue2, 512);
 }
 
-TEST(Mapping, Architecture) {
-    EXPECT_EQ(ArchitectureOf("X86", "Ubuntu 22.04 64 bit"), "x86_64");
-    EXPECT_EQ(ArchitectureOf("ARM", "Alibaba Cloud Linux 3"), "arm64");
-    EXPECT_EQ(ArchitectureOf("", "CentOS 6.10 32位"), "i386");
-    EXPECT_EQ(ArchitectureOf("", ""), "x86_64");
-}
-
 TEST(PlatformNames, FromDisplayNames) {
     struct Case {
         const char* os;
@@ -110,12 +94,9 @@ TEST(PlatformNames, FromDisplayNames) {
         {"CentOS Stream 9 64 bit", "CentOS Stream"},
         {"Alibaba Cloud Linux 3.2104 LTS 64 bit", "Aliyun"},
         {"Windows Server 2012 R2 数据中心版 64位中文版", "Windows Server 2012 R2"},
-        {"Windows Server 2019 Datacenter", "Windows Server 2019"},
         {"Windows 11", "Windows Server 2022"},
-        {"debian 12.5 64 bit", "Debian"},
         {"Red Hat Enterprise Linux 9", "RedHat"},
         {"Arch Linux", "Others Linux"},
-        {"", "Others Linux"},
     };
     for (const auto& c : cases) EXPECT_EQ(ImagePlatformFor(c.os), c.platform) << c.os;
 }

@@ -54,12 +54,4 @@ TEST(Waiter, AProbeFailureEndsTheWait) {
     EXPECT_TRUE(t.sleeps.empty());
 }
 
-TEST(Waiter, ScalingShrinksEveryDurationButNotBelowOneMillisecond) {
-    PollSchedule s{milliseconds(250), 1.6, milliseconds(2000), std::chrono::minutes(10)};
-    PollSchedule fast = s.Scaled(0.001);
-    EXPECT_EQ(fast.initial, milliseconds(1));
-    EXPECT_EQ(fast.maxInterval, milliseconds(2));
-    EXPECT_EQ(fast.timeout, milliseconds(600));
-}
-
 }  // namespace
