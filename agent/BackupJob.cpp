@@ -1,0 +1,310 @@
+#include "BackupJob.h"
+
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+
+#include "DataMover.h"
+#include "hxruntime/HostApi.h"
+
+namespace hxagent {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+double Since(std::chrono::steady_clock::time_point t) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
+}
+
+std::int64_t NowSeconds() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+bool Cancelled() { return hxruntime::IsCancelRaised(); }
+
+// Finds the instance by id or by exact name (exactly one must match).
+bool ResolveInstance(CVMInfo& vm, const std::string& wanted, SVMInfo& out, JobFailure& failure) {
+    if (wanted.rfind("i-", 0) == 0) {
+        if (vm.GetVMInfoForVM("", wanted, "", 0, 0, out) == 1 && !out.guid.empty()) return true;
+        failure = PluginFailure(vm, "GetVMInfoForVM", "instance " + wanted + " not found");
+        if (failure.code == 0) failure.code = VMINFO_ERR_VM_NOT_FOUND;
+        return false;
+    }
+    std::vector<SVMInfo> list;
+    std::vector<std::string> names{wanted};
+    if (vm.GetVMInfoList(list, 0, 0, &names, FILTER_INCLUDE_NAMES) != 1) {
+        failure = PluginFailure(vm, "GetVMInfoList", "cannot list instances to find '" + wanted + "'");
+        return false;
+    }
+    std::vector<SVMInfo> exact;
+    for (auto& i : list)
+        if (i.name == wanted || i.guid == wanted) exact.push_back(i);
+    if (exact.size() != 1) {
+        failure = LocalFailure(exact.empty() ? "no instance is named '" + wanted + "'"
+                                             : std::to_string(exact.size()) + " instances are named '" + wanted +
+                                                   "'; give the instance id",
+                               kExitUsage);
+        return false;
+    }
+    out = exact.front();
+    return true;
+}
+
+// DIR/<id>/<stamp>, with -2, -3 ... when a backup of the same second exists.
+bool MakeBackupFolder(const std::string& dest, const std::string& id, const std::string& stamp, std::string& folder,
+                      std::string& error) {
+    std::error_code ec;
+    fs::path parent = fs::path(dest) / id;
+    fs::create_directories(parent, ec);
+    if (ec) {
+        error = "cannot create " + parent.string() + ": " + ec.message();
+        return false;
+    }
+    for (int n = 1; n < 1000; ++n) {
+        fs::path p = parent / (n == 1 ? stamp : stamp + "-" + std::to_string(n));
+        if (fs::create_directory(p, ec)) {
+            folder = p.string();
+            return true;
+        }
+        if (ec) {
+            error = "cannot create " + p.string() + ": " + ec.message();
+            return false;
+        }
+    }
+    error = "too many backups of " + id + " in " + parent.string() + " at " + stamp;
+    return false;
+}
+
+const SDisk* FindDisk(const SVMInfo& info, const std::string& id) {
+    for (const auto& d : info.disks)
+        if (d.diskId == id) return &d;
+    return nullptr;
+}
+
+}  // namespace
+
+std::string CleanConfigFileName(const std::string& devicePath, const std::string& instanceId) {
+    auto cut = devicePath.find_last_of("\\/");
+    std::string name = cut == std::string::npos ? devicePath : devicePath.substr(cut + 1);
+    if (name.empty() || name == "." || name == "..") name = instanceId + "_InstanceConfig.json";
+    if (name.size() < 5 || name.compare(name.size() - 5, 5, ".json") != 0) name += ".json";
+    return name;
+}
+
+BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Progress& progress,
+                        long long jobIdOffset) {
+    BackupOutcome out;
+    const auto started = std::chrono::steady_clock::now();
+    const std::int64_t startedAt = NowSeconds();
+    auto session = context.OpenPlugin(out.failure, jobIdOffset);
+    if (!session) return out;
+    CVMInfo& vm = session->vm();
+
+    SVMInfo instance;
+    if (!ResolveInstance(vm, request.instance, instance, out.failure)) return out;
+
+    std::string error, work;
+    if (!context.MakeWorkFolder("backup", work, error)) {
+        out.failure = LocalFailure(error);
+        return out;
+    }
+    std::string folder;
+    if (!MakeBackupFolder(request.destination, instance.guid, JobStamp(startedAt), folder, error)) {
+        fs::remove_all(work);
+        out.failure = LocalFailure(error);
+        return out;
+    }
+
+    MountCtx ctx;  // one object for the whole job: the plug-in writes into it
+    ctx.vmName = instance.name;
+    ctx.vmGuid = instance.guid;
+    ctx.vmInfo.guid = instance.guid;  // UnmountVM works from it even if MountVM stops early
+    ctx.mountPath = work + "/mount";
+    ctx.excludedDisks = request.excludedDisks;
+
+    Manifest& m = out.manifest;
+    m.instanceId = instance.guid;
+    m.instanceName = instance.name;
+    m.regionId = instance.regionId;
+    m.zoneId = instance.hostName;
+    m.instanceType = instance.vmProfile;
+    m.guestOS = instance.guestOS;
+    m.jobId = context.jobId() + jobIdOffset;
+    m.jobStamp = fs::path(folder).filename().string();
+    m.startedAt = IsoTime(startedAt);
+
+    bool ok = true;
+    auto fail = [&](JobFailure f) {
+        if (ok) out.failure = std::move(f);
+        ok = false;
+    };
+
+    progress.Step("Backing up " + instance.guid + " (" + instance.name + ") into " + folder);
+    progress.Step("Snapshotting the disks and making copies of them...");
+    if (vm.MountVM(ctx) != 1) fail(PluginFailure(vm, "MountVM", "backup of " + instance.guid + " failed"));
+    m.mountSeconds = Since(started);
+
+    std::vector<SMountInfoFull> entries;
+    if (ok && vm.GetFullMountInfo(ctx, entries) != 1)
+        fail(PluginFailure(vm, "GetFullMountInfo", "backup of " + instance.guid + " failed"));
+
+    // The configuration document first: UnmountVM deletes it.
+    if (ok) {
+        for (const auto& e : entries) {
+            if (e.entryType != 0 || e.disks.empty()) continue;
+            const std::string name = CleanConfigFileName(e.disks.front().fileName.empty() ? e.disks.front().devicePath
+                                                                                          : e.disks.front().fileName,
+                                                         instance.guid);
+            std::error_code ec;
+            fs::copy_file(e.disks.front().devicePath, fs::path(folder) / name, fs::copy_options::overwrite_existing, ec);
+            if (ec) {
+                fail(LocalFailure("cannot copy the configuration file " + e.disks.front().devicePath + ": " +
+                                  ec.message()));
+                break;
+            }
+            m.configFile = name;
+        }
+        if (ok && m.configFile.empty())
+            fail(LocalFailure("the plug-in reported no configuration file for " + instance.guid +
+                              "; a backup without it cannot be restored"));
+    }
+
+    const auto copyStarted = std::chrono::steady_clock::now();
+    for (const auto& e : entries) {
+        if (!ok) break;
+        if (e.entryType != 1 || e.disks.empty()) continue;
+        const std::string diskId = e.disks.front().diskId;
+        // Until it is attached, a mount entry's device path names the copy made from the
+        // snapshot: that copy is what the disk registry opens.
+        const std::string openId = e.disks.front().devicePath.empty() ? diskId : e.disks.front().devicePath;
+        if (Cancelled()) {
+            fail(LocalFailure("backup of " + instance.guid + " cancelled", kExitCancelled));
+            break;
+        }
+        progress.Step("Attaching a copy of disk " + diskId + " to the proxy...");
+        VmdkHandle handle;
+        if (vm.OpenVmdk(ctx.vmName, ctx.vmGuid, openId, handle) != 1) {
+            fail(PluginFailure(vm, "OpenVmdk", "cannot open disk " + diskId + " of " + instance.guid));
+            break;
+        }
+        SDisk opened;
+        if (vm.GetVmdkInfo(handle, opened) != 1 || opened.devicePath.empty()) {
+            fail(PluginFailure(vm, "GetVmdkInfo", "no device for disk " + diskId + " of " + instance.guid));
+            vm.CloseVmdk(handle);
+            break;
+        }
+        std::int64_t size = DeviceOrFileSize(opened.devicePath, error);
+        // The copy made from the snapshot can be larger than the source disk (the bridge
+        // raises it to its category's minimum size); the source's own size is what holds
+        // data and what a restore recreates.
+        const SDisk* source = FindDisk(ctx.vmInfo, diskId);
+        if (source && source->diskSize > 0 && (source->diskSize << 30) < size) size = source->diskSize << 30;
+        MoveResult moved;
+        if (size <= 0) {
+            moved.error = size == 0 ? opened.devicePath + " reports 0 bytes" : error;
+        } else {
+            const std::string image = diskId + ".img";
+            progress.Begin(diskId, static_cast<std::uint64_t>(size));
+            MoveOptions mo;
+            mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
+            mo.cancelled = Cancelled;
+            moved = ReadToImage(opened.devicePath, static_cast<std::uint64_t>(size), folder + "/" + image, mo);
+            progress.End(moved.ok);
+            if (moved.ok) {
+                ManifestDisk d;
+                const SDisk* src = FindDisk(ctx.vmInfo, diskId);
+                d.id = diskId;
+                d.name = src ? src->diskName : opened.diskName;
+                d.isOSDisk = src ? src->isOSDisk : e.disks.front().isOSDisk;
+                d.size = static_cast<std::uint64_t>(size);
+                d.diskSize = src && src->diskSize > 0 ? src->diskSize : (size + (1ll << 30) - 1) >> 30;
+                d.category = src ? src->category : opened.category;
+                d.performanceLevel = src ? src->performanceLevel : "";
+                d.encrypted = src ? src->createFlag : false;
+                d.zone = src && !src->zone.empty() ? src->zone : instance.hostName;
+                d.image = image;
+                d.sha256 = moved.sha256;
+                d.dataBytes = moved.dataBytes;
+                d.seconds = moved.seconds;
+                m.disks.push_back(d);
+            }
+        }
+        if (vm.CloseVmdk(handle) != 1 && ok && moved.ok)
+            out.warnings.push_back("CloseVmdk of " + diskId + " failed (error " + std::to_string(vm.GetLastVMError()) +
+                                   "); UnmountVM detaches it");
+        if (!moved.ok) {
+            fail(moved.cancelled ? LocalFailure("backup of " + instance.guid + " cancelled", kExitCancelled)
+                                 : LocalFailure("cannot read disk " + diskId + ": " + moved.error));
+            break;
+        }
+    }
+    m.copySeconds = Since(copyStarted);
+    if (ok && m.disks.empty()) fail(LocalFailure("the plug-in reported no disk to back up for " + instance.guid));
+
+    // Teardown always runs, with the cancel flag cleared so that its own waits are not cut
+    // short (a second Ctrl-C raises it again).
+    const auto unmountStarted = std::chrono::steady_clock::now();
+    if (hxruntime::IsCancelRaised()) progress.Note("Cancelled; removing the snapshots and disk copies...");
+    else progress.Step("Removing the snapshots and disk copies...");
+    hxruntime::ClearCancel();
+    if (vm.UnmountVM(ctx) != 1) {
+        const std::string text = "UnmountVM failed with error " + std::to_string(vm.GetLastVMError()) + " (" +
+                                 EVMInfoErrorText(vm.GetLastVMError()) + ")" +
+                                 (vm.GetLastVMErrorDetails().empty() ? "" : ": " + vm.GetLastVMErrorDetails()) +
+                                 "; run 'hxagent cleanup' to remove what is left";
+        if (ok) out.warnings.push_back(text);
+        else out.failure.details += (out.failure.details.empty() ? "" : "; ") + text;
+    }
+    m.unmountSeconds = Since(unmountStarted);
+    std::error_code ec;
+    fs::remove_all(work, ec);
+
+    if (ok) {
+        m.totalSeconds = Since(started);
+        m.finishedAt = IsoTime(NowSeconds());
+        if (!WriteManifest(folder, m, error)) fail(LocalFailure(error));
+    }
+    if (!ok) {
+        fs::remove_all(folder, ec);
+        std::error_code ignore;
+        fs::remove(fs::path(folder).parent_path(), ignore);  // only when empty
+        context.KeepState();
+        return out;
+    }
+    out.ok = true;
+    out.folder = folder;
+    return out;
+}
+
+json BackupOutcomeJson(const BackupOutcome& o) {
+    json j = {{"ok", o.ok}};
+    if (o.ok) {
+        j["folder"] = o.folder;
+        j["manifest"] = json::parse(ManifestToJson(o.manifest));
+    } else {
+        j["error"] = {{"operation", o.failure.operation},
+                      {"code", o.failure.code},
+                      {"text", o.failure.operation.empty() ? "" : EVMInfoErrorText(static_cast<EVMInfoError>(o.failure.code))},
+                      {"message", FormatFailure(o.failure)}};
+    }
+    j["warnings"] = o.warnings;
+    return j;
+}
+
+void PrintBackupOutcome(const BackupOutcome& o) {
+    for (const auto& w : o.warnings) std::cerr << "hxagent: warning: " << w << "\n";
+    if (!o.ok) return;
+    std::uint64_t total = 0, data = 0;
+    for (const auto& d : o.manifest.disks) {
+        total += d.size;
+        data += d.dataBytes;
+    }
+    std::cout << "Backup of " << o.manifest.instanceId << " (" << o.manifest.instanceName << ") complete: "
+              << o.manifest.disks.size() << " disk(s), " << FormatBytes(total) << " (" << FormatBytes(data)
+              << " of data) in " << FormatDuration(o.manifest.totalSeconds) << "\n  " << o.folder << "\n";
+}
+
+}  // namespace hxagent

@@ -1,0 +1,201 @@
+#include "Cli.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "BackupJob.h"
+#include "CleanupJob.h"
+#include "DemoCommand.h"
+#include "InventoryCommands.h"
+#include "RestoreJob.h"
+#include "Signals.h"
+#include "SimCommand.h"
+
+namespace hxagent {
+
+namespace {
+
+int Fail(const JobFailure& f, AgentContext* context, bool json) {
+    std::string line = FormatFailure(f);
+    if (context) {
+        std::string log = context->LogHint();
+        if (!log.empty()) line += " (" + log + ")";
+    }
+    if (json)
+        std::cout << nlohmann::json{{"ok", false}, {"error", {{"operation", f.operation}, {"code", f.code}, {"message", line}}}}
+                         .dump(2)
+                  << std::endl;
+    else
+        std::cerr << "hxagent: error: " << line << std::endl;
+    return f.status == kExitOk ? kExitLocal : f.status;
+}
+
+std::unique_ptr<AgentContext> OpenContext(const GlobalOptions& g, Progress& progress, int& status) {
+    JobFailure failure;
+    auto context = AgentContext::Create(g, false, progress, failure);
+    if (!context) status = Fail(failure, nullptr, g.json);
+    return context;
+}
+
+int Inventory(const GlobalOptions& g, const std::function<InventoryOutcome(AgentContext&)>& run) {
+    Progress progress(DetectOutputStyle(g.json));
+    int status = kExitOk;
+    auto context = OpenContext(g, progress, status);
+    if (!context) return status;
+    InventoryOutcome out = run(*context);
+    if (!out.ok) return Fail(out.failure, context.get(), g.json);
+    if (g.json) std::cout << out.result.dump(2) << std::endl;
+    else PrintTable(out.rows);
+    return kExitOk;
+}
+
+}  // namespace
+
+int RunCli(int argc, char** argv) {
+    CLI::App app{
+        "hxagent: backs up and restores Alibaba Cloud ECS instances through the ECS plug-in.\n"
+        "With no ALIBABA_CLOUD_ECS_ENDPOINT and no credentials configured, every command runs against a\n"
+        "built-in ECS emulator started for the command. Credentials: ALIBABA_CLOUD_ACCESS_KEY_ID and\n"
+        "ALIBABA_CLOUD_ACCESS_KEY_SECRET (+ ALIBABA_CLOUD_SECURITY_TOKEN), or a profile of ~/.aliyun/config.json."};
+    app.require_subcommand(1);
+    app.fallthrough();
+
+    GlobalOptions g;
+    double timeScale = -1;
+    app.add_option("--plugin", g.pluginPath, "Plug-in library (default: libAliCloudInfo.so next to hxagent)");
+    app.add_option("--state-dir", g.stateDir,
+                   "Folder for the cleaner store, logs and job work folders (default: $XDG_STATE_HOME/hxagent; "
+                   "with the built-in emulator a temporary folder)");
+    app.add_option("--log-dir", g.logDir, "Folder for the per-job log files (default: <state-dir>/logs)");
+    app.add_option("-v,--verbosity", g.verbosity, "Log detail 0..9")->check(CLI::Range(0, 9))->capture_default_str();
+    app.add_flag("--log-echo", g.logEcho, "Copy every log line to stderr");
+    app.add_option("--time-scale", timeScale,
+                   "Factor for every wait (1 = real time; the built-in emulator defaults to 0.01)")
+        ->check(CLI::Range(0.0, 1000.0));
+    app.add_option("--job-id", g.jobId, "Job id written in the log (default: the current Unix time)")
+        ->check(CLI::PositiveNumber);
+    app.add_flag("--json", g.json, "Print one JSON document on stdout instead of text and progress");
+    app.add_flag("--embedded", g.embedded, "Use the built-in emulator even when a cloud is configured");
+    app.add_option("--scenario", g.scenario, "World of the built-in emulator (JSON file; default: the demo world)")
+        ->check(CLI::ExistingFile);
+    app.add_option("--device-root", g.deviceRoot, "Folder that plays /dev for attached disks (default: /dev)");
+    app.add_option("--profile", g.profile, "Profile of ~/.aliyun/config.json to use");
+
+    // ---- inventory ----
+    std::string browsePath;
+    auto* browse = app.add_subcommand("browse", "Browse the inventory as the console does: '\\Region View\\<region>\\<zone>' "
+                                                "or '\\Instance View\\<region>'");
+    browse->add_option("path", browsePath, "Node to expand (default: the root)");
+
+    std::string listRegion, listZone, listName;
+    auto* list = app.add_subcommand("list", "List instances");
+    auto* regionOpt = list->add_option("--region", listRegion, "Only the instances of this region");
+    list->add_option("--zone", listZone, "Only the instances of this zone")->excludes(regionOpt);
+    list->add_option("--name", listName, "Only names matching this glob pattern (* and ?)");
+
+    std::string typesHost;
+    auto* types = app.add_subcommand("types", "List the instance types of a zone");
+    types->add_option("host", typesHost, "REGION|ZONE, or a zone id")->required();
+
+    // ---- backup ----
+    BackupRequest backupReq;
+    auto* backup = app.add_subcommand("backup", "Back up an instance into DIR/<instance id>/<job stamp>/");
+    backup->add_option("instance", backupReq.instance, "Instance id (i-...) or exact name")->required();
+    backup->add_option("--to", backupReq.destination, "Backup folder")->required();
+    backup->add_option("--exclude-disk", backupReq.excludedDisks,
+                       "Leave a disk out: disk id, disk name or a glob pattern (repeatable)");
+
+    // ---- restore ----
+    RestoreRequest restoreReq;
+    auto* restore = app.add_subcommand("restore", "Restore a backup folder as a new instance");
+    restore->add_option("backup", restoreReq.backupFolder, "Backup folder (the one holding manifest.json)")
+        ->required()
+        ->check(CLI::ExistingDirectory);
+    restore->add_option("--name", restoreReq.name, "Name of the restored instance")->required();
+    restore->add_option("--region", restoreReq.region, "Destination region (default: the backed-up instance's)");
+    restore->add_option("--zone", restoreReq.zone, "Destination zone, the proxy's (default: the backed-up instance's)");
+    restore->add_option("--instance-type", restoreReq.instanceType, "Instance type instead of the backed-up one");
+    restore->add_flag("--power-on", restoreReq.powerOn, "Start the instance once restored");
+    restore->add_flag("--overwrite", restoreReq.overwrite, "Replace an existing instance of the same name");
+
+    // ---- cleanup ----
+    bool dryRun = false;
+    auto* cleanup = app.add_subcommand("cleanup", "Remove what interrupted jobs of this proxy left in the cloud");
+    cleanup->add_flag("--dry-run", dryRun, "Only list the interrupted jobs");
+
+    // ---- emulator ----
+    SimRequestOptions simOpt;
+    auto* sim = app.add_subcommand(
+        "sim", "Run the ECS emulator in the foreground and print how to use it (--state-dir: its disk files)");
+    sim->add_option("--port", simOpt.port, "Port (default: a free one)");
+
+    DemoOptions demoOpt;
+    auto* demo = app.add_subcommand("demo", "Back up and restore an instance on the built-in emulator and verify the result");
+    demo->add_option("--instance", demoOpt.instance, "Instance of the demo world to back up")->capture_default_str();
+    demo->add_option("--restore-name", demoOpt.restoreName, "Name of the restored instance (default: <name>-restored)");
+    demo->add_option("--to", demoOpt.destination, "Keep the backup in this folder (default: a temporary one)");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        int code = app.exit(e);
+        return code == 0 ? kExitOk : kExitUsage;
+    }
+    if (timeScale >= 0) g.timeScale = timeScale;
+    InstallCancelHandlers();
+
+    if (*browse) return Inventory(g, [&](AgentContext& c) { return RunBrowse(c, browsePath); });
+    if (*list) return Inventory(g, [&](AgentContext& c) { return RunList(c, listRegion, listZone, listName); });
+    if (*types) return Inventory(g, [&](AgentContext& c) { return RunTypes(c, typesHost); });
+
+    if (*backup) {
+        Progress progress(DetectOutputStyle(g.json));
+        int status = kExitOk;
+        auto context = OpenContext(g, progress, status);
+        if (!context) return status;
+        BackupOutcome out = RunBackup(*context, backupReq, progress);
+        if (!out.ok) return Fail(out.failure, context.get(), g.json);
+        if (g.json) std::cout << BackupOutcomeJson(out).dump(2) << std::endl;
+        else PrintBackupOutcome(out);
+        return kExitOk;
+    }
+    if (*restore) {
+        Progress progress(DetectOutputStyle(g.json));
+        // The backup is checked before anything touches the cloud.
+        Manifest manifest;
+        std::string error;
+        if (!ReadManifest(restoreReq.backupFolder, manifest, error) ||
+            !VerifyBackup(restoreReq.backupFolder, manifest, progress, error))
+            return Fail(LocalFailure("restore refused: " + error), nullptr, g.json);
+        int status = kExitOk;
+        auto context = OpenContext(g, progress, status);
+        if (!context) return status;
+        RestoreOutcome out = RunRestore(*context, manifest, restoreReq, progress);
+        if (!out.ok) return Fail(out.failure, context.get(), g.json);
+        if (g.json) std::cout << RestoreOutcomeJson(out).dump(2) << std::endl;
+        else PrintRestoreOutcome(out);
+        return kExitOk;
+    }
+    if (*cleanup) {
+        Progress progress(DetectOutputStyle(g.json));
+        int status = kExitOk;
+        auto context = OpenContext(g, progress, status);
+        if (!context) return status;
+        CleanupOutcome out = RunCleanup(*context, dryRun, progress);
+        if (!g.json) PrintCleanupOutcome(out, dryRun);
+        if (!out.ok) return Fail(out.failure, context.get(), g.json);
+        if (g.json) std::cout << CleanupOutcomeJson(out).dump(2) << std::endl;
+        return kExitOk;
+    }
+    if (*sim) {
+        simOpt.stateDir = g.stateDir;  // for `sim`, the emulator's own folder
+        simOpt.scenario = g.scenario;
+        simOpt.timeScale = g.timeScale.value_or(kEmbeddedTimeScale);
+        simOpt.json = g.json;
+        return RunSim(simOpt);
+    }
+    if (*demo) return RunDemo(g, demoOpt);
+    return kExitUsage;
+}
+
+}  // namespace hxagent
