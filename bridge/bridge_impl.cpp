@@ -102,13 +102,11 @@ void Impl::Connect(const std::string& accessKeyId, const std::string& accessKeyS
     waits_ = WaitBounds().Scaled(scale);
 
     ApiClientOptions options;
-    RetryPolicy policy = retry_.value_or(RetryPolicy{});
-    if (!retry_) {
-        policy.baseDelay = std::max(std::chrono::milliseconds(1),
-                                    std::chrono::milliseconds(static_cast<long long>(policy.baseDelay.count() * scale)));
-        policy.maxDelay = std::max(std::chrono::milliseconds(1),
-                                   std::chrono::milliseconds(static_cast<long long>(policy.maxDelay.count() * scale)));
-    }
+    RetryPolicy policy;
+    policy.baseDelay = std::max(std::chrono::milliseconds(1),
+                                std::chrono::milliseconds(static_cast<long long>(policy.baseDelay.count() * scale)));
+    policy.maxDelay = std::max(std::chrono::milliseconds(1),
+                               std::chrono::milliseconds(static_cast<long long>(policy.maxDelay.count() * scale)));
     options.retry = policy;
     options.sleep = deps_.time.sleep;
     if (deps_.settings.debug) {

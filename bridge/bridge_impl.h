@@ -137,10 +137,6 @@ public:
                                       const std::string& description);
     void DeleteImage(const std::string& regionId, const std::string& imageId, bool force);
 
-    // Test hooks.
-    void SetWaitBounds(const hxbridge::WaitBounds& bounds) { waits_ = bounds; }
-    void SetRetryPolicy(const hxbridge::RetryPolicy& policy) { retry_ = policy; }
-
 private:
     enum class Kind { Instance, Disk, Snapshot, Image };
 
@@ -185,7 +181,6 @@ private:
     hxbridge::BridgeDependencies deps_;
     bool fixedDependencies_ = false;
     hxbridge::WaitBounds waits_;
-    std::optional<hxbridge::RetryPolicy> retry_;
     std::unique_ptr<hxbridge::ApiClient> api_;
     std::unique_ptr<hxbridge::MetadataClient> metadata_;
     std::string lastError_;
