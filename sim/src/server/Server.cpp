@@ -34,6 +34,12 @@ std::string Server::Start(const std::string& host, uint16_t port, uint16_t* boun
   http.new_task_queue = [] { return new httplib::ThreadPool(16); };
   http.set_keep_alive_timeout(2);
   http.set_payload_max_length(8 * 1024 * 1024);
+  // SO_REUSEADDR only: with SO_REUSEPORT a second emulator could share a port that is
+  // already in use and steal half of the first one's requests.
+  http.set_socket_options([](int sock) {
+    int yes = 1;
+    ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
 
   auto rpc = [this](const httplib::Request& req, httplib::Response& res) {
     RawRequest raw;
@@ -78,6 +84,16 @@ std::string Server::Start(const std::string& host, uint16_t port, uint16_t* boun
   }
   *boundPort = static_cast<uint16_t>(bound);
   thread_ = std::thread([&http] { http.listen_after_bind(); });
+  // stop() is a no-op until the accept loop runs, so do not hand out a server that a
+  // quick Stop() could not stop.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!http.is_running() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!http.is_running()) {
+    Stop();
+    return "the listener did not start";
+  }
   return "";
 }
 
