@@ -122,7 +122,7 @@ bool CAliCloudInfo::RegisterCleanerForBackup(const MountCtx& ctx) {
     }
     if (cleaner.RegisterVM(VM_CLEANER_MODE_BACKUP, ctx.vmGuid)) return true;
     // Without its root entry nothing the mount creates could be registered (nor cleaned up
-    // after a crash), so this is reported as an error and ends the mount.
-    log.Error(kRegisterCleanerForBackup, "Failed to register VM [%s]", ctx.vmGuid);
+    // after a crash), so this ends the mount; the line is a trace, the caller fails.
+    log.Debug(kRegisterCleanerForBackup, "Failed to register VM [%s]", ctx.vmGuid);
     return false;
 }

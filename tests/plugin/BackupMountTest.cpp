@@ -60,6 +60,20 @@ TEST_F(BackupMountTest, RefusalsStopBeforeTheCleanerAndTheCloudAreTouched) {
     }
 }
 
+TEST_F(BackupMountTest, ARefusedInstanceRegistrationEndsTheMountBeforeAnySnapshot) {
+    store().FailAlways("RegisterEntity");
+    TestPlugin plugin;
+    MountCtx ctx = Job();
+    EXPECT_EQ(0, plugin.MountVM(ctx));
+    EXPECT_EQ(VMINFO_ERR_NONE, plugin.GetLastVMError());
+    const auto lines = fakefw::LinesWithText("Failed to register VM [i-src]");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(kRegisterCleanerForBackup, lines[0].tag);
+    EXPECT_FALSE(lines[0].isError());
+    EXPECT_TRUE(fakefw::ErrorTexts().empty());  // _MountVM never ran: no "failed to mount" either
+    EXPECT_EQ(0, cloud().Count("CreateSnapshot"));
+}
+
 TEST_F(BackupMountTest, MountSnapshotsEveryDiskWaitsAndMakesRegisteredCopies) {
     cloud().snapshotPolls = 2;  // each snapshot answers "not yet" twice
     TestPlugin plugin;
