@@ -89,6 +89,7 @@ StartResult Emulator::Start() noexcept {
     config.timeScale = o.timeScale;
     config.seed = o.seed;
     config.scenario = *parsed;
+    config.requestLog = o.requestLog;
     impl_->world = std::make_unique<server::World>(std::move(config));
     if (std::string e = impl_->world->Reset(); !e.empty()) {
       impl_->Cleanup();

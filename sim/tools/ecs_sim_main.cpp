@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
+#include <mutex>
 
 #include "hxsim/Emulator.h"
 
@@ -15,6 +16,7 @@ int main(int argc, char** argv) {
   hxsim::Options options;
   std::string stateDir, deviceRoot, scenario;
   bool printScenario = false;
+  bool logRequests = false;
   app.add_option("--port", options.port, "Port to listen on (0: pick a free one)")->capture_default_str();
   app.add_option("--bind", options.bindAddress, "Address to listen on")->capture_default_str();
   app.add_option("--state-dir", stateDir, "Folder for disk/snapshot/image files (default: a temporary folder)");
@@ -25,6 +27,7 @@ int main(int argc, char** argv) {
       ->check(CLI::PositiveNumber);
   app.add_option("--seed", options.seed, "Seed for generated ids and fault randomness")->capture_default_str();
   app.add_flag("--print-default-scenario", printScenario, "Print the built-in scenario as JSON and exit");
+  app.add_flag("--log-requests", logRequests, "Print one line per API request to stderr");
   CLI11_PARSE(app, argc, argv);
 
   if (printScenario) {
@@ -34,6 +37,13 @@ int main(int argc, char** argv) {
   options.stateDir = stateDir;
   options.deviceRoot = deviceRoot;
   options.scenarioFile = scenario;
+  if (logRequests) {
+    options.requestLog = [](const std::string& line) {
+      static std::mutex mutex;
+      std::lock_guard lock(mutex);
+      std::cerr << "ecs-sim: " << line << "\n";
+    };
+  }
 
   hxsim::Emulator emulator(options);
   auto started = emulator.Start();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <mutex>
 
 #include "SimClient.h"
 #include "hxsim/Emulator.h"
@@ -13,7 +14,14 @@ namespace hxsim {
 namespace {
 
 TEST(Emulator, DefaultScenarioStartsAndStopsCleanly) {
-  Emulator sim;
+  std::mutex mutex;
+  std::vector<std::string> log;
+  Options options;
+  options.requestLog = [&](const std::string& line) {
+    std::lock_guard lock(mutex);
+    log.push_back(line);
+  };
+  Emulator sim(options);
   EXPECT_EQ(sim.Endpoint(), "");
   auto started = sim.Start();
   ASSERT_TRUE(started.ok()) << started.error;
@@ -32,6 +40,13 @@ TEST(Emulator, DefaultScenarioStartsAndStopsCleanly) {
   auto r = client.Call("DescribeInstances", {{"RegionId", "cn-hangzhou"}, {"MaxResults", "100"}});
   ASSERT_EQ(r.status, 200) << r.raw;
   EXPECT_EQ(r.body["Instances"]["Instance"].size(), 5u);
+  EXPECT_EQ(client.Call("DeleteDisk", {{"DiskId", "d-none"}}).status, 404);
+  {
+    std::lock_guard lock(mutex);
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0].rfind("DescribeInstances 200 OK ", 0), 0u) << log[0];
+    EXPECT_EQ(log[1].rfind("DeleteDisk 404 InvalidDiskId.NotFound ", 0), 0u) << log[1];
+  }
 
   fs::path state = sim.StateDir();
   ASSERT_TRUE(fs::exists(state));

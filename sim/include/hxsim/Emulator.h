@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -38,6 +39,9 @@ struct Options {
   double timeScale = 1.0;
   // Seeds generated ids and fault-injection randomness, so runs are repeatable.
   uint64_t seed = 1;
+  // Called once per API request with "<Action> <HTTP status> <Code or OK> <ms>"; may be
+  // empty. Runs on server threads, concurrently: it must be thread-safe.
+  std::function<void(const std::string& line)> requestLog;
 };
 
 struct Credentials {

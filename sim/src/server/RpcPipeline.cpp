@@ -43,6 +43,7 @@ faults::Decision HeaderFault(const sig::HeaderMap& headers) {
 }  // namespace
 
 RpcOutcome HandleRpc(World& world, const RawRequest& request) {
+  const auto started = std::chrono::steady_clock::now();
   RpcOutcome outcome;
   const std::string requestId = api::NewRequestId();
   api::Params params = ParseParams(request);
@@ -90,6 +91,16 @@ RpcOutcome HandleRpc(World& world, const RawRequest& request) {
                                     requestId, hostId, xml);
   }
   if (!outcome.action.empty()) world.counter().Record(outcome.action, outcome.reply.status >= 400);
+  if (const auto& log = world.config().requestLog) {
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
+    std::string code = "OK";
+    if (outcome.reply.status >= 400) {
+      auto body = nlohmann::json::parse(outcome.reply.body, nullptr, false);
+      code = body.is_object() ? body.value("Code", "?") : "?";
+    }
+    log((outcome.action.empty() ? "-" : outcome.action) + " " + std::to_string(outcome.reply.status) + " " + code +
+        " " + std::to_string(ms.count()) + "ms" + (outcome.drop ? " (dropped)" : ""));
+  }
   return outcome;
 }
 

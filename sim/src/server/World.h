@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -36,6 +37,7 @@ struct WorldConfig {
   double timeScale = 1.0;
   uint64_t seed = 1;
   scenario::Scenario scenario;
+  std::function<void(const std::string&)> requestLog;  // may be empty; thread-safe
 };
 
 class World {
