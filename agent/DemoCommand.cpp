@@ -90,7 +90,7 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
                   << ")\n";
         return backup.failure.status;
     }
-    PrintBackupOutcome(backup);
+    if (!options.json) PrintBackupOutcome(backup);
 
     RestoreRequest rr;
     rr.backupFolder = backup.folder;
@@ -107,7 +107,7 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
                   << ")\n";
         return restore.failure.status;
     }
-    PrintRestoreOutcome(restore);
+    if (!options.json) PrintRestoreOutcome(restore);
 
     if (!SimRequest(endpoint, "GET", "/_sim/state", "", after, error)) {
         std::cerr << "hxagent: error: " << error << "\n";

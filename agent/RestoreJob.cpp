@@ -171,7 +171,8 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
         if (hxruntime::IsCancelRaised()) progress.Note("Cancelled; removing what the restore created...");
         else progress.Step("Removing what the restore created...");
         hxruntime::ClearCancel();
-        if (vm.CleanupRestoreVM(ctx) != 1)
+        // Without a temporary id nothing was registered, so nothing was created either.
+        if (!ctx.tempVMId.empty() && vm.CleanupRestoreVM(ctx) != 1)
             out.failure.details += std::string(out.failure.details.empty() ? "" : "; ") +
                                    "CleanupRestoreVM failed too (error " + std::to_string(vm.GetLastVMError()) +
                                    "); run 'hxagent cleanup'";

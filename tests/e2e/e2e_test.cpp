@@ -1,0 +1,452 @@
+// hxagent end to end: the real plug-in, runtime and bridge against an emulator that this
+// test process runs, with hxagent started as a child process for every command.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "AliCloudSDKCppBridge.h"
+#include "DataMover.h"
+#include "Manifest.h"
+#include "SimControl.h"
+#include "VMCleaner.h"
+#include "hxruntime/HostApi.h"
+#include "hxsim/Emulator.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+constexpr double kTimeScale = 0.01;
+
+struct RunResult {
+    int exitCode = -1;   // -1 when killed by a signal
+    int signal = 0;
+    std::string out, err;
+    json doc;            // stdout parsed (hxagent runs with --json)
+};
+
+std::string Slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// One hxagent child process, stdout and stderr to files.
+class Child {
+public:
+    Child(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& dir) {
+        static int seq = 0;
+        out_ = dir + "/out-" + std::to_string(++seq);
+        err_ = out_ + ".err";
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            int o = ::open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            int e = ::open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            ::dup2(o, 1);
+            ::dup2(e, 2);
+            std::vector<char*> argv{const_cast<char*>(HXAGENT_PATH)}, envp;
+            for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            for (auto& v : env) envp.push_back(const_cast<char*>(v.c_str()));
+            envp.push_back(nullptr);
+            ::execve(HXAGENT_PATH, argv.data(), envp.data());
+            ::_exit(127);
+        }
+    }
+    void Signal(int sig) { ::kill(pid_, sig); }
+    bool Running() {
+        int status = 0;
+        pid_t r = ::waitpid(pid_, &status, WNOHANG);
+        if (r == pid_) {
+            done_ = true;
+            status_ = status;
+        }
+        return !done_;
+    }
+    RunResult Wait(std::chrono::seconds limit = 240s) {
+        auto until = std::chrono::steady_clock::now() + limit;
+        while (Running() && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(20ms);
+        if (!done_) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, &status_, 0);
+            done_ = true;
+            ADD_FAILURE() << "hxagent did not finish in time";
+        }
+        RunResult r;
+        if (WIFEXITED(status_)) r.exitCode = WEXITSTATUS(status_);
+        if (WIFSIGNALED(status_)) r.signal = WTERMSIG(status_);
+        r.out = Slurp(out_);
+        r.err = Slurp(err_);
+        r.doc = json::parse(r.out, nullptr, false);
+        return r;
+    }
+
+private:
+    pid_t pid_ = -1;
+    bool done_ = false;
+    int status_ = 0;
+    std::string out_, err_;
+};
+
+class AgentE2E : public ::testing::Test {
+protected:
+    virtual std::string Scenario() { return {}; }
+
+    void SetUp() override {
+        dir_ = (fs::temp_directory_path() /
+                ("hxagent-e2e-" + std::to_string(::getpid()) + "-" +
+                 ::testing::UnitTest::GetInstance()->current_test_info()->name()))
+                   .string();
+        fs::remove_all(dir_);
+        fs::create_directories(dir_ + "/home");
+        hxsim::Options o;
+        o.stateDir = dir_ + "/sim";
+        o.timeScale = kTimeScale;
+        o.scenarioJson = Scenario();
+        sim_ = std::make_unique<hxsim::Emulator>(o);
+        auto started = sim_->Start();
+        ASSERT_TRUE(started.ok()) << started.error;
+        auto keys = sim_->DemoCredentials();
+        // Only what the test sets: no inherited cloud settings, no aliyun profile.
+        for (char** e = environ; *e; ++e)
+            if (std::string(*e).rfind("ALIBABA_CLOUD_", 0) != 0 && std::string(*e).rfind("HOME=", 0) != 0)
+                env_.push_back(*e);
+        env_.push_back("HOME=" + dir_ + "/home");
+        env_.push_back("ALIBABA_CLOUD_ECS_ENDPOINT=" + started.endpoint);
+        env_.push_back("ALIBABA_CLOUD_METADATA_ENDPOINT=" + sim_->MetadataEndpoint());
+        env_.push_back("ALIBABA_CLOUD_ACCESS_KEY_ID=" + keys.accessKeyId);
+        env_.push_back("ALIBABA_CLOUD_ACCESS_KEY_SECRET=" + keys.accessKeySecret);
+        before_ = State();
+    }
+
+    void TearDown() override {
+        if (sim_) sim_->Stop();
+        if (!HasFailure()) fs::remove_all(dir_);
+    }
+
+    std::vector<std::string> Args(std::vector<std::string> extra) {
+        std::vector<std::string> a{"--state-dir", dir_ + "/state", "--json"};
+        a.insert(a.end(), extra.begin(), extra.end());
+        return a;
+    }
+    RunResult Run(std::vector<std::string> extra) { return Child(Args(extra), env_, dir_).Wait(); }
+    std::unique_ptr<Child> Start(std::vector<std::string> extra) {
+        return std::make_unique<Child>(Args(extra), env_, dir_);
+    }
+
+    json State() {
+        json s;
+        std::string error;
+        EXPECT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "GET", "/_sim/state", "", s, error)) << error;
+        return s;
+    }
+    json Calls() {
+        json s;
+        std::string error;
+        EXPECT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "GET", "/_sim/calls", "", s, error)) << error;
+        return s;
+    }
+
+    static const json* Find(const json& state, const char* list, const std::function<bool(const json&)>& pred) {
+        for (const auto& x : state[list])
+            if (pred(x)) return &x;
+        return nullptr;
+    }
+    static std::vector<json> Instances(const json& state, const std::string& name) {
+        std::vector<json> out;
+        for (const auto& i : state["instances"])
+            if (i.value("InstanceName", "") == name) out.push_back(i);
+        return out;
+    }
+
+    // Neither the cloud nor the cleaner store holds anything a job made for itself.
+    void ExpectNothingLeft() {
+        hxagent::SimLeftovers left = hxagent::FindLeftovers(before_, State());
+        EXPECT_TRUE(left.empty()) << left.Describe();
+        hxruntime::SetCleanerDatabasePath(dir_ + "/state/cleaner.db");
+        VMCleaner store;
+        ASSERT_TRUE(store.Init(sim_->ProxyInstanceId(), 0));
+        for (auto mode : {VM_CLEANER_MODE_BACKUP, VM_CLEANER_MODE_RESTORE})
+            for (auto kind : {VM_CLEANER_ENTITY_VM, VM_CLEANER_ENTITY_SNAPSHOT, VM_CLEANER_ENTITY_DISK,
+                              VM_CLEANER_ENTITY_TEMPLATE}) {
+                std::vector<CleanerEntity> rest;
+                ASSERT_TRUE(store.GetOrphanedRootEntityListByType(mode, kind, "", rest));
+                for (const auto& e : rest) ADD_FAILURE() << "cleaner store still holds " << e.cleanerPath;
+            }
+        store.DeInit();
+    }
+
+    // Backs up `instance`; returns the backup folder.
+    std::string Backup(const std::string& instance, hxagent::Manifest& m) {
+        RunResult r = Run({"backup", instance, "--to", dir_ + "/backups"});
+        EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+        if (r.exitCode != 0 || r.doc.is_discarded()) return {};
+        const std::string folder = r.doc.value("folder", "");
+        std::string error;
+        EXPECT_TRUE(hxagent::ReadManifest(folder, m, error)) << error;
+        return folder;
+    }
+
+    std::string dir_;
+    std::unique_ptr<hxsim::Emulator> sim_;
+    std::vector<std::string> env_;
+    json before_;
+};
+
+// The backup of an instance with four disks, restored under a new name, is byte-identical,
+// and nothing is left in the cloud or in the cleaner store.
+TEST_F(AgentE2E, BackupAndRestoreUnderANewNameIsByteIdentical) {
+    const json* source = Find(before_, "instances", [](const json& i) { return i["InstanceName"] == "app-01"; });
+    ASSERT_TRUE(source);
+    const std::string sourceId = (*source)["InstanceId"];
+
+    hxagent::Manifest m;
+    const std::string folder = Backup("app-01", m);
+    ASSERT_FALSE(folder.empty());
+    EXPECT_EQ(fs::path(folder).parent_path().filename(), sourceId);
+    ASSERT_EQ(m.disks.size(), 4u);
+    EXPECT_EQ(std::count_if(m.disks.begin(), m.disks.end(), [](auto& d) { return d.isOSDisk; }), 1);
+    for (const auto& d : m.disks) {
+        const json* disk = Find(before_, "disks", [&](const json& x) { return x["DiskId"] == d.id; });
+        ASSERT_TRUE(disk) << d.id;
+        EXPECT_EQ(d.diskSize, (*disk)["Size"].get<int64_t>()) << d.id;
+        EXPECT_EQ(d.size, static_cast<uint64_t>(d.diskSize) << 30) << d.id;
+        EXPECT_EQ(d.category, (*disk)["Category"].get<std::string>()) << d.id;
+        // The image is the source disk, and its checksum is the image's.
+        std::string why;
+        EXPECT_TRUE(hxagent::SameContent(folder + "/" + d.image, (*disk)["File"], d.size, why)) << d.id << why;
+        EXPECT_EQ(hxagent::HashFile(folder + "/" + d.image, {}).sha256, d.sha256);
+    }
+    // The configuration document is there under a clean name, and is the only other JSON.
+    EXPECT_TRUE(fs::is_regular_file(folder + "/" + m.configFile));
+    EXPECT_EQ(m.configFile, sourceId + "_InstanceConfig.json");
+    ExpectNothingLeft();
+
+    RunResult r = Run({"restore", folder, "--name", "app-01-copy", "--power-on"});
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    const std::string newId = r.doc.value("instanceId", "");
+    ASSERT_FALSE(newId.empty()) << r.out;
+    EXPECT_NE(newId, sourceId);
+
+    json after = State();
+    const json* restored = Find(after, "instances", [&](const json& i) { return i["InstanceId"] == newId; });
+    ASSERT_TRUE(restored);
+    EXPECT_EQ((*restored)["InstanceName"], "app-01-copy");
+    EXPECT_EQ((*restored)["Status"], "Running");
+    EXPECT_EQ((*restored)["InstanceType"], (*source)["InstanceType"]);
+    int attached = 0;
+    for (size_t i = 0; i < m.disks.size(); ++i) {
+        const auto& d = m.disks[i];
+        const std::string newDisk = r.doc["disks"][i].value("newId", "");
+        const json* target = Find(after, "disks", [&](const json& x) {
+            return x["InstanceId"] == newId && (d.isOSDisk ? x["Type"] == "system" : x["DiskId"] == newDisk);
+        });
+        ASSERT_TRUE(target) << "no restored disk for " << d.id;
+        const json* src = Find(after, "disks", [&](const json& x) { return x["DiskId"] == d.id; });
+        std::string why;
+        EXPECT_TRUE(hxagent::SameContent((*src)["File"], (*target)["File"], d.size, why)) << d.id << why;
+        EXPECT_EQ((*target)["Category"], d.category) << d.id;
+        ++attached;
+    }
+    EXPECT_EQ(attached, 4);
+    ExpectNothingLeft();
+}
+
+// A backup whose image was damaged is refused before anything happens in the cloud.
+TEST_F(AgentE2E, RestoreRefusesADamagedBackup) {
+    hxagent::Manifest m;
+    const std::string folder = Backup("db-01", m);
+    ASSERT_FALSE(folder.empty());
+    {
+        std::fstream f(folder + "/" + m.disks.back().image, std::ios::in | std::ios::out | std::ios::binary);
+        f.seekg(12345);
+        char byte = 0;
+        f.get(byte);
+        f.seekp(12345);
+        f.put(static_cast<char>(~byte));
+    }
+    json ignored;
+    std::string error;
+    ASSERT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "DELETE", "/_sim/calls", "", ignored, error)) << error;
+    RunResult r = Run({"restore", folder, "--name", "db-01-copy"});
+    EXPECT_EQ(r.exitCode, 3) << r.out << r.err;
+    EXPECT_NE(r.out.find("checksum"), std::string::npos) << r.out;
+    EXPECT_EQ(Calls().value("total", -1), 0) << Calls().dump();  // not one cloud call
+    EXPECT_TRUE(Instances(State(), "db-01-copy").empty());
+}
+
+// --overwrite replaces an existing instance of the same name; without it the restore fails
+// with "already exists" and leaves nothing behind.
+TEST_F(AgentE2E, RestoreOverwritesAnExistingInstanceOnlyWhenAsked) {
+    hxagent::Manifest m;
+    const std::string folder = Backup("db-01", m);
+    ASSERT_FALSE(folder.empty());
+    auto existing = Instances(before_, "web-01");
+    ASSERT_EQ(existing.size(), 1u);
+    const std::string oldId = existing[0]["InstanceId"];
+
+    RunResult refused = Run({"restore", folder, "--name", "web-01"});
+    EXPECT_EQ(refused.exitCode, 1) << refused.out << refused.err;
+    EXPECT_EQ(refused.doc["error"].value("code", 0u), 10u) << refused.out;
+    auto still = Instances(State(), "web-01");
+    ASSERT_EQ(still.size(), 1u);
+    EXPECT_EQ(still[0]["InstanceId"], oldId);
+    ExpectNothingLeft();
+
+    RunResult r = Run({"restore", folder, "--name", "web-01", "--overwrite"});
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    auto now = Instances(State(), "web-01");
+    ASSERT_EQ(now.size(), 1u);
+    EXPECT_NE(now[0]["InstanceId"], oldId);
+    EXPECT_EQ(now[0]["InstanceId"], r.doc.value("instanceId", ""));
+    EXPECT_EQ(now[0]["InstanceType"], "ecs.g7.xlarge");  // db-01's type, not web-01's
+    ExpectNothingLeft();
+}
+
+// Ctrl-C while disks are being read: the backup stops, tears down, writes no manifest;
+// `hxagent cleanup` afterwards finds nothing to do and leaves nothing.
+TEST_F(AgentE2E, CtrlCDuringBackupThenCleanupLeavesNothing) {
+    auto child = Start({"backup", "app-01", "--to", dir_ + "/backups"});
+    // Wait until a disk copy is attached to the proxy, i.e. the data is being read.
+    bool attached = false;
+    for (int i = 0; i < 3000 && child->Running() && !attached; ++i) {
+        attached = State()["deviceLinks"].size() > before_["deviceLinks"].size();
+        if (!attached) std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(attached) << "the backup never attached a disk";
+    child->Signal(SIGINT);
+    RunResult r = child->Wait();
+    EXPECT_EQ(r.exitCode, 130) << r.out << r.err;
+    EXPECT_NE(r.out.find("cancel"), std::string::npos) << r.out;
+    bool manifest = false;
+    if (fs::exists(dir_ + "/backups"))
+        for (auto& e : fs::recursive_directory_iterator(dir_ + "/backups")) manifest |= e.path().filename() == "manifest.json";
+    EXPECT_FALSE(manifest);
+
+    RunResult c = Run({"cleanup"});
+    EXPECT_EQ(c.exitCode, 0) << c.out << c.err;
+    ExpectNothingLeft();
+}
+
+// A backup killed outright leaves snapshots and disk copies; `hxagent cleanup` finds them
+// through the cleaner store and removes them all.
+TEST_F(AgentE2E, CleanupRemovesWhatAKilledBackupLeft) {
+    auto child = Start({"backup", "db-01", "--to", dir_ + "/backups"});
+    bool attached = false;
+    for (int i = 0; i < 3000 && child->Running() && !attached; ++i) {
+        attached = State()["deviceLinks"].size() > before_["deviceLinks"].size();
+        if (!attached) std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(attached);
+    child->Signal(SIGKILL);
+    RunResult killed = child->Wait();
+    EXPECT_EQ(killed.signal, SIGKILL);
+    hxagent::SimLeftovers left = hxagent::FindLeftovers(before_, State());
+    EXPECT_FALSE(left.snapshots.empty()) << left.Describe();
+    EXPECT_FALSE(left.disks.empty()) << left.Describe();
+
+    RunResult dry = Run({"cleanup", "--dry-run"});
+    EXPECT_EQ(dry.exitCode, 0) << dry.out << dry.err;
+    ASSERT_EQ(dry.doc["orphans"].size(), 1u) << dry.out;
+    EXPECT_EQ(dry.doc["orphans"][0]["mode"], "backup");
+
+    RunResult c = Run({"cleanup"});
+    EXPECT_EQ(c.exitCode, 0) << c.out << c.err;
+    EXPECT_EQ(c.doc["orphans"][0].value("removed", false), true) << c.out;
+    ExpectNothingLeft();
+}
+
+// A proxy with every disk slot taken: the backup waits, and completes once a slot frees.
+class AgentDiskLimitE2E : public AgentE2E {
+protected:
+    std::string Scenario() override {
+        json s = json::parse(hxsim::Emulator::DefaultScenarioJson());
+        for (auto& i : s["instances"]) {
+            if (i["instanceId"] != s["proxyInstanceId"]) continue;
+            i["instanceType"] = "ecs.t6-c1m2.large";  // 5 disks at most
+            for (int n = 1; n <= 4; ++n)
+                i["disks"].push_back({{"diskId", "d-hxsim0proxyfill0000" + std::to_string(n)},
+                                      {"type", "data"},
+                                      {"sizeGiB", 1},
+                                      {"content", {{"pattern", "marker"}, {"dataMiB", 1}}}});
+        }
+        return s.dump();
+    }
+};
+
+TEST_F(AgentDiskLimitE2E, BackupWaitsForAFreeSlot) {
+    auto child = Start({"backup", "db-01", "--to", dir_ + "/backups"});
+    // Wait until the plug-in has been refused at least once for the disk limit.
+    auto refusedAttaches = [&] {
+        json calls = Calls();
+        return calls["actions"].contains("AttachDisk") ? calls["actions"]["AttachDisk"].value("errors", 0) : 0;
+    };
+    int refused = 0;
+    for (int i = 0; i < 3000 && child->Running() && refused < 2; ++i) {
+        refused = refusedAttaches();
+        if (refused < 2) std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_GE(refused, 2) << Calls().dump();
+    EXPECT_TRUE(child->Running());  // still waiting, not failed
+
+    // Free one slot: detach one of the proxy's own data disks, as an operator would.
+    AliCloudSDKCppBridge::CAliCloudSDKCppBridge bridge;
+    ::setenv("ALIBABA_CLOUD_ECS_ENDPOINT", sim_->Endpoint().c_str(), 1);
+    ::setenv("ALIBABA_CLOUD_METADATA_ENDPOINT", sim_->MetadataEndpoint().c_str(), 1);
+    ::setenv("ALIBABA_CLOUD_BRIDGE_TIME_SCALE", "0.01", 1);
+    auto keys = sim_->DemoCredentials();
+    ASSERT_TRUE(bridge.Connect(keys.accessKeyId, keys.accessKeySecret)) << bridge.GetLastError();
+    ASSERT_TRUE(bridge.DetachDisk(sim_->ProxyInstanceId(), "d-hxsim0proxyfill00001", sim_->ProxyRegionId()))
+        << bridge.GetLastError();
+
+    RunResult r = child->Wait();
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(r.doc["manifest"]["disks"].size(), 2u);
+    // Apart from the disk detached by hand, the proxy is as it was.
+    json after = State();
+    int onProxy = 0;
+    for (const auto& d : after["disks"]) onProxy += d["InstanceId"] == sim_->ProxyInstanceId();
+    EXPECT_EQ(onProxy, 4);
+    ExpectNothingLeft();
+}
+
+// With nothing configured, hxagent starts the built-in emulator and says so; the demo
+// verifies its own round trip.
+TEST(AgentEmbeddedE2E, DemoVerifiesOnTheBuiltInEmulator) {
+    std::vector<std::string> env;
+    const std::string home = (fs::temp_directory_path() / ("hxagent-e2e-home-" + std::to_string(::getpid()))).string();
+    fs::create_directories(home);
+    for (char** e = environ; *e; ++e)
+        if (std::string(*e).rfind("ALIBABA_CLOUD_", 0) != 0 && std::string(*e).rfind("HOME=", 0) != 0)
+            env.push_back(*e);
+    env.push_back("HOME=" + home);
+    RunResult list = Child({"list", "--name", "web-*"}, env, home).Wait();
+    EXPECT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_NE(list.err.find("built-in ECS emulator"), std::string::npos) << list.err;
+    EXPECT_NE(list.out.find("web-01"), std::string::npos) << list.out;
+    EXPECT_NE(list.out.find("web-02"), std::string::npos) << list.out;
+    EXPECT_EQ(list.out.find("db-01"), std::string::npos) << list.out;
+
+    RunResult demo = Child({"demo", "--json", "--instance", "db-01"}, env, home).Wait();
+    EXPECT_EQ(demo.exitCode, 0) << demo.out << demo.err;
+    ASSERT_FALSE(demo.doc.is_discarded()) << demo.out;
+    EXPECT_TRUE(demo.doc.value("ok", false));
+    ASSERT_EQ(demo.doc["disks"].size(), 2u);
+    for (const auto& d : demo.doc["disks"]) EXPECT_TRUE(d.value("identical", false)) << d.dump();
+    fs::remove_all(home);
+}
+
+}  // namespace
