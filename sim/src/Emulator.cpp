@@ -107,7 +107,10 @@ StartResult Emulator::Start() noexcept {
     }
     impl_->port = bound;
     impl_->endpoint = "http://" + o.bindAddress + ":" + std::to_string(bound);
-    impl_->world->endpoint = impl_->endpoint;
+    {
+      auto lock = impl_->world->store().Lock();  // the control endpoint reads it under this lock
+      impl_->world->endpoint = impl_->endpoint;
+    }
 
     const auto& s = impl_->world->config().scenario;
     impl_->proxyId = s.proxyInstanceId;

@@ -57,7 +57,7 @@ class World {
   faults::Faults& faults() { return faults_; }
   CallCounter& counter() { return counter_; }
 
-  // Set by the server once it listens; "http://127.0.0.1:<port>".
+  // "http://127.0.0.1:<port>", set once the server listens; guarded by the store lock.
   std::string endpoint;
 
   // Metadata-service tokens (PUT /latest/api/token): token -> expiry.
