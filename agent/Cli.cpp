@@ -18,6 +18,7 @@ namespace {
 int Fail(const JobFailure& f, AgentContext* context, bool json) {
     std::string line = FormatFailure(f);
     if (context) {
+        context->KeepState();  // the log named below must outlive a temporary state folder
         std::string log = context->LogHint();
         if (!log.empty()) line += " (" + log + ")";
     }

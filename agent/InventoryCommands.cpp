@@ -164,7 +164,8 @@ InventoryOutcome RunTypes(AgentContext& context, const std::string& host) {
     out.result = json::array();
     for (const auto& s : sizes) {
         out.rows.push_back({s.name, std::to_string(s.specValue1),
-                            s.specValue2 ? std::to_string(s.specValue2) + " MiB" : "", std::to_string(s.maxDisks)});
+                            s.specValue2 ? std::to_string(s.specValue2) + " MiB" : "-",
+                            s.maxDisks ? std::to_string(s.maxDisks) : "-"});
         out.result.push_back(
             {{"name", s.name}, {"cpu", s.specValue1}, {"memoryMiB", s.specValue2}, {"maxDisks", s.maxDisks}});
     }

@@ -6,7 +6,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
+# The demo needs only the C++ toolchain and libraries; a package the tests alone need that
+# cannot be installed here must not stop it (the build below says what is really missing).
+scripts/install-deps.sh || echo "demo.sh: some packages could not be installed; trying the build anyway" >&2
 
 build=build-demo
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DHX_SANITIZE=OFF -DHX_BUILD_TESTS=OFF >/dev/null
