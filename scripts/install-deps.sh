@@ -9,8 +9,12 @@ packages=(
   libcurl4-openssl-dev libssl-dev ca-certificates
   nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
   libspdlog-dev libfmt-dev libsqlite3-dev
-  nodejs npm
 )
+# Node.js and npm run the official SDK conformance test of the emulator. A machine may carry
+# them from elsewhere than Debian (where Debian's npm package would conflict), so ask for the
+# commands, not the packages.
+command -v node >/dev/null 2>&1 || packages+=(nodejs)
+command -v npm >/dev/null 2>&1 || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do
