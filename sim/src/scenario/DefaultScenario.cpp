@@ -1,5 +1,7 @@
 // The built-in demo world. Small sparse disks with a few MiB of recognisable data each,
-// so a demo backup of every instance takes seconds. The values of the instance types
+// so a demo backup of every instance takes seconds. The disks are ESSD AutoPL
+// ("cloud_auto"), the category whose 1 GiB minimum makes such small disks valid: copies
+// and restored data disks then keep their exact size. The values of the instance types
 // (cpu, memory, DiskQuantity) are the emulator's; they are not a price list.
 #include "scenario/Scenario.h"
 
@@ -47,29 +49,29 @@ const std::string& DefaultScenarioJson() {
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.g7.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
      "tags": {"role": "backup-proxy"},
      "disks": [
-       {"diskId": "d-hxsim0proxy000000001", "type": "system", "sizeGiB": 1, "content": {"pattern": "marker", "dataMiB": 1}}
+       {"diskId": "d-hxsim0proxy000000001", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 1}}
      ]},
     {"instanceId": "i-hxsim0vm000000000001", "instanceName": "web-01", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.g7.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
      "tags": {"env": "demo", "app": "web"},
      "disks": [
-       {"diskId": "d-hxsim0disk0000000001", "type": "system", "sizeGiB": 2, "content": {"pattern": "marker", "dataMiB": 4}}
+       {"diskId": "d-hxsim0disk0000000001", "type": "system", "sizeGiB": 2, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 4}}
      ]},
     {"instanceId": "i-hxsim0vm000000000002", "instanceName": "db-01", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.g7.xlarge", "imageId": "ubuntu_22_04_x64_20G_alibase_20240812.vhd",
      "tags": {"env": "demo", "app": "db"},
      "disks": [
-       {"diskId": "d-hxsim0disk0000000002", "type": "system", "sizeGiB": 1, "content": {"pattern": "marker", "dataMiB": 2}},
-       {"diskId": "d-hxsim0disk0000000003", "type": "data", "sizeGiB": 2, "diskName": "db-data",
+       {"diskId": "d-hxsim0disk0000000002", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 2}},
+       {"diskId": "d-hxsim0disk0000000003", "type": "data", "sizeGiB": 2, "category": "cloud_auto", "diskName": "db-data",
         "content": {"pattern": "random", "dataMiB": 4}}
      ]},
     {"instanceId": "i-hxsim0vm000000000003", "instanceName": "app-01", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.t6-c1m2.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
      "tags": {"env": "demo", "app": "app"},
      "disks": [
-       {"diskId": "d-hxsim0disk0000000004", "type": "system", "sizeGiB": 1, "content": {"pattern": "marker", "dataMiB": 2}},
-       {"diskId": "d-hxsim0disk0000000005", "type": "data", "sizeGiB": 1, "content": {"pattern": "marker", "dataMiB": 3}},
-       {"diskId": "d-hxsim0disk0000000006", "type": "data", "sizeGiB": 1, "content": {"pattern": "random", "dataMiB": 2}},
+       {"diskId": "d-hxsim0disk0000000004", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 2}},
+       {"diskId": "d-hxsim0disk0000000005", "type": "data", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 3}},
+       {"diskId": "d-hxsim0disk0000000006", "type": "data", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "random", "dataMiB": 2}},
        {"diskId": "d-hxsim0disk0000000007", "type": "data", "sizeGiB": 2, "category": "cloud_auto",
         "content": {"pattern": "marker", "dataMiB": 4}}
      ]},
@@ -77,8 +79,8 @@ const std::string& DefaultScenarioJson() {
      "zoneId": "cn-hangzhou-i", "instanceType": "ecs.g7.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
      "tags": {"env": "demo", "app": "web"},
      "disks": [
-       {"diskId": "d-hxsim0disk0000000008", "type": "system", "sizeGiB": 1, "content": {"pattern": "marker", "dataMiB": 2}},
-       {"diskId": "d-hxsim0disk0000000009", "type": "data", "sizeGiB": 1, "content": {"pattern": "random", "dataMiB": 2}}
+       {"diskId": "d-hxsim0disk0000000008", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 2}},
+       {"diskId": "d-hxsim0disk0000000009", "type": "data", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "random", "dataMiB": 2}}
      ]}
   ]
 }
