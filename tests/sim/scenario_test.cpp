@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <map>
 #include <set>
 
 #include "scenario/Scenario.h"
@@ -62,6 +63,42 @@ TEST(ScenarioParse, AcceptsAMinimalWorld) {
   EXPECT_EQ(s->instanceTypes[0].diskQuantity, 2);
 }
 
+TEST(ScenarioParse, CompletesNetworksWithDefaultsWithoutTakingListedAddresses) {
+  json j = Minimal();
+  j["instances"].push_back(j["instances"][0]);
+  j["instances"][1]["instanceId"] = "i-q";
+  j["instances"][1]["privateIpAddress"] = "172.16.0.1";  // the lowest usable address, asked for by the second
+  std::string error;
+  auto s = scenario::Parse(j.dump(), &error);
+  ASSERT_TRUE(s) << error;
+  const auto& p = s->instances[0];
+  EXPECT_EQ(p.vSwitchId, "vsw-hxsimr1-a");
+  EXPECT_EQ(p.securityGroupIds, std::vector<std::string>{"sg-hxsimr1"});
+  EXPECT_EQ(p.privateIp, "172.16.0.2");
+  EXPECT_EQ(s->instances[1].privateIp, "172.16.0.1");
+  ASSERT_EQ(s->vswitches.size(), 1u);
+  EXPECT_EQ(s->vswitches[0].cidrBlock, "172.16.0.0/20");
+  EXPECT_EQ(s->vswitches[0].regionId, "r1");
+}
+
+TEST(DefaultScenario, KeepsFixedAddressesAndOffersGroupsToJoin) {
+  std::string error;
+  auto s = scenario::Parse(scenario::DefaultScenarioJson(), &error);
+  ASSERT_TRUE(s) << error;
+  std::map<std::string, std::string> addresses;
+  for (const auto& i : s->instances) {
+    addresses[i.id] = i.privateIp;
+    EXPECT_EQ(i.securityGroupIds, std::vector<std::string>{"sg-hxsimcn-hangzhou"}) << i.id;
+    EXPECT_EQ(i.vSwitchId, "vsw-hxsim" + i.zoneId) << i.id;
+  }
+  EXPECT_EQ(addresses["i-hxsim0vm000000000002"], "172.16.0.13");
+  EXPECT_EQ(addresses["i-hxsim0vm000000000004"], "172.16.16.15");
+  std::map<std::string, std::string> vpcOfGroup;
+  for (const auto& g : s->securityGroups) vpcOfGroup[g.id] = g.vpcId;
+  EXPECT_EQ(vpcOfGroup["sg-hxsim0web00000000001"], "vpc-hxsimcn-hangzhou");
+  EXPECT_EQ(vpcOfGroup["sg-hxsim0iso00000000001"], "vpc-hxsim0iso00000000001");
+}
+
 TEST(ScenarioParse, RefusesInconsistentWorlds) {
   struct Case {
     const char* name;
@@ -92,6 +129,53 @@ TEST(ScenarioParse, RefusesInconsistentWorlds) {
       {"bad pattern", [](json& j) { j["instances"][0]["disks"] = json::array({{{"content", {{"pattern", "x"}}}}}); },
        "pattern"},
       {"bad status", [](json& j) { j["instances"][0]["status"] = "Pending"; }, "status"},
+      {"bad VPC block", [](json& j) { j["vpcs"] = json::parse(R"([{"vpcId": "vpc-x", "regionId": "r1", "cidrBlock": "10.0.0.1/16"}])"); },
+       "bad cidrBlock"},
+      {"VPC of an unknown region",
+       [](json& j) { j["vpcs"] = json::parse(R"([{"vpcId": "vpc-x", "regionId": "r9", "cidrBlock": "10.0.0.0/16"}])"); },
+       "unknown region"},
+      {"vSwitch outside its VPC",
+       [](json& j) {
+         j["vpcs"] = json::parse(R"([{"vpcId": "vpc-x", "regionId": "r1", "cidrBlock": "10.0.0.0/16"}])");
+         j["vSwitches"] = json::parse(R"([{"vSwitchId": "vsw-x", "vpcId": "vpc-x", "zoneId": "r1-a", "cidrBlock": "10.1.0.0/24"}])");
+       },
+       "not inside"},
+      {"vSwitches overlapping in a VPC",
+       [](json& j) {
+         j["vSwitches"] = json::parse(
+             R"([{"vSwitchId": "vsw-x", "vpcId": "vpc-hxsimr1", "zoneId": "r1-a", "cidrBlock": "172.16.8.0/24"}])");
+       },
+       "overlaps vsw-hxsimr1-a"},
+      {"vSwitch of an unknown VPC",
+       [](json& j) {
+         j["vSwitches"] = json::parse(R"([{"vSwitchId": "vsw-x", "vpcId": "vpc-none", "zoneId": "r1-a", "cidrBlock": "10.1.0.0/24"}])");
+       },
+       "unknown VPC"},
+      {"instance on an unknown vSwitch", [](json& j) { j["instances"][0]["vSwitchId"] = "vsw-none"; }, "unknown vSwitch"},
+      {"address outside the vSwitch", [](json& j) { j["instances"][0]["privateIpAddress"] = "10.0.0.1"; }, "not usable"},
+      {"address twice",
+       [](json& j) {
+         j["instances"][0]["privateIpAddress"] = "172.16.0.9";
+         j["instances"].push_back(j["instances"][0]);
+         j["instances"][1]["instanceId"] = "i-q";
+       },
+       "is taken"},
+      {"group of another VPC",
+       [](json& j) {
+         j["vpcs"] = json::parse(R"([{"vpcId": "vpc-x", "regionId": "r1", "cidrBlock": "10.0.0.0/16"}])");
+         j["securityGroups"] = json::parse(R"([{"securityGroupId": "sg-x", "vpcId": "vpc-x"}])");
+         j["instances"][0]["securityGroupIds"] = {"sg-x"};
+       },
+       "another VPC"},
+      {"six groups",
+       [](json& j) {
+         j["securityGroups"] = json::array();
+         for (int k = 0; k < 6; ++k) {
+           j["securityGroups"].push_back({{"securityGroupId", "sg-" + std::to_string(k)}, {"vpcId", "vpc-hxsimr1"}});
+           j["instances"][0]["securityGroupIds"].push_back("sg-" + std::to_string(k));
+         }
+       },
+       "more than 5"},
   };
   for (const auto& c : cases) {
     json j = Minimal();

@@ -9,13 +9,21 @@
 //   system disk costs nothing until written.
 // - Data disks described by the image's DiskDeviceMappings are created with the
 //   instance, from the image's own copies.
-// - Zone without ZoneId: the VSwitchId's zone when it names one (vsw-hxsim<zone>),
-//   else the first zone of the region that offers the instance type.
+// - Zone without ZoneId: the VSwitchId's zone when one is given, else the first zone of
+//   the region that offers the instance type.
+// - Without VSwitchId the instance goes to the zone's default vSwitch (vsw-hxsim<zone>,
+//   else the zone's first); without SecurityGroupId it joins the region's default group
+//   when that is in the vSwitch's VPC, else the VPC's first group.
+// - Addresses ECS picks are the vSwitch's lowest free ones. The first address of a
+//   vSwitch block and its last three are the vSwitch's own: asking for one of them is
+//   answered like an address outside the block.
+// - RunInstances takes PrivateIpAddress only with Amount=1 (one address, one instance).
 #include <algorithm>
 
 #include "actions/Paging.h"
 #include "actions/Registry.h"
 #include "model/Render.h"
+#include "util/Ipv4.h"
 
 namespace hxsim::actions {
 
@@ -54,7 +62,7 @@ json DescribeInstances(Context& ctx) {
     if (!status.empty() && i.status != status) continue;
     if (!vpc.empty() && i.vpcId != vpc) continue;
     if (!vswitch.empty() && i.vswitchId != vswitch) continue;
-    if (!group.empty() && i.securityGroupId != group) continue;
+    if (!group.empty() && !Contains(i.securityGroupIds, group)) continue;
     if (!type.empty() && i.instanceType != type) continue;
     if (!image.empty() && i.imageId != image) continue;
     if (!TagsMatch(i.tags, tags)) continue;
@@ -113,9 +121,77 @@ struct LaunchPlan {
   };
   std::vector<DataDisk> dataDisks;
   std::vector<std::pair<std::string, std::string>> tags;
+  const model::VSwitch* vswitch = nullptr;
+  std::string securityGroupId;
+  std::vector<std::string> addresses;  // one per instance to launch
 };
 
-LaunchPlan Plan(Context& ctx) {
+// Network of the new instances: vSwitch (when not given, the zone's default), security
+// group and one private address per instance, the requested one when given.
+void PlanNetwork(Context& ctx, LaunchPlan& plan, const std::string& vswitchId, int64_t amount) {
+  model::Store& store = ctx.store;
+  const auto& p = ctx.params;
+  if (vswitchId.empty()) {
+    auto preferred = store.vswitches.find("vsw-hxsim" + plan.zone->id);
+    if (preferred != store.vswitches.end() && preferred->second.zoneId == plan.zone->id) {
+      plan.vswitch = &preferred->second;
+    } else {
+      for (const auto& [id, w] : store.vswitches) {
+        if (w.zoneId == plan.zone->id) {
+          plan.vswitch = &w;
+          break;
+        }
+      }
+    }
+    if (!plan.vswitch) throw MissingInput("VSwitchId");
+  }
+
+  const std::string groupId = p.GetOr("SecurityGroupId", "");
+  if (!groupId.empty()) {
+    const auto& group = store.SecurityGroupOrThrow(groupId, plan.regionId);
+    if (group.vpcId != plan.vswitch->vpcId) {
+      throw BadRequest("InvalidParameter.Mismatch", "Specified security group and virtual switch are not in the same VPC.");
+    }
+    plan.securityGroupId = group.id;
+  } else {
+    auto fallback = store.securityGroups.find("sg-hxsim" + plan.regionId);
+    if (fallback != store.securityGroups.end() && fallback->second.vpcId == plan.vswitch->vpcId) {
+      plan.securityGroupId = fallback->first;
+    } else {
+      for (const auto& [id, g] : store.securityGroups) {
+        if (g.vpcId == plan.vswitch->vpcId) {
+          plan.securityGroupId = id;
+          break;
+        }
+      }
+    }
+    if (plan.securityGroupId.empty()) throw MissingInput("SecurityGroupId");
+  }
+
+  const std::string requested = p.GetOr("PrivateIpAddress", "");
+  if (requested.empty()) {
+    plan.addresses = store.FreeAddresses(*plan.vswitch, static_cast<size_t>(amount));
+    if (plan.addresses.size() < static_cast<size_t>(amount)) {
+      throw BadRequest("QuotaExceeded.PrivateIpAddress", "Don't have enough private IPs in this switch.");
+    }
+    return;
+  }
+  // An address only makes sense together with the vSwitch it is taken from.
+  if (vswitchId.empty()) throw MissingInput("VSwitchId");
+  if (amount > 1) throw api::InvalidParameter("PrivateIpAddress", "A private IP address names one instance only.");
+  auto address = ipv4::Parse(requested);
+  if (!address) throw BadRequest("InvalidPrivateIpAddress.Malformed", "Specified private IP address is malformed.");
+  auto block = ipv4::ParseCidr(plan.vswitch->cidrBlock);
+  if (!block || !block->Contains(*address) || block->Reserved(*address)) {
+    throw BadRequest("InvalidPrivateIpAddress", "Specified private IP address is not in the CIDR block of virtual switch.");
+  }
+  if (store.AddressHolder(plan.vswitch->id, requested)) {
+    throw BadRequest("InvalidPrivateIpAddress.Duplicated", "Specified private IP address is duplicated.");
+  }
+  plan.addresses = {requested};
+}
+
+LaunchPlan Plan(Context& ctx, int64_t amount) {
   LaunchPlan plan;
   const auto& p = ctx.params;
   plan.regionId = RequiredRegion(ctx);
@@ -129,8 +205,15 @@ LaunchPlan Plan(Context& ctx) {
   plan.type = &type->second;
 
   std::string zoneId = p.GetOr("ZoneId", "");
-  const std::string vswitch = p.GetOr("VSwitchId", "");
-  if (zoneId.empty() && vswitch.rfind("vsw-hxsim", 0) == 0) zoneId = vswitch.substr(9);
+  const std::string vswitchId = p.GetOr("VSwitchId", "");
+  if (!vswitchId.empty()) {
+    auto w = ctx.store.vswitches.find(vswitchId);
+    if (w == ctx.store.vswitches.end() || w->second.regionId != plan.regionId) {
+      throw api::NotFound("InvalidVSwitchId.NotFound", "Specified virtual switch does not exist.");
+    }
+    plan.vswitch = &w->second;
+    if (zoneId.empty()) zoneId = plan.vswitch->zoneId;
+  }
   for (const auto& z : region.zones) {
     if (zoneId.empty() ? Contains(z.instanceTypes, typeId) : z.id == zoneId) {
       plan.zone = &z;
@@ -144,6 +227,9 @@ LaunchPlan Plan(Context& ctx) {
   if (!Contains(plan.zone->instanceTypes, typeId)) {
     throw Forbidden("InvalidResourceType.NotSupported", "The specified instance type is not offered in zone " +
                                                             plan.zone->id + ".");
+  }
+  if (plan.vswitch && plan.vswitch->zoneId != plan.zone->id) {
+    throw BadRequest("InvalidParameter.Mismatch", "Specified virtual switch is not in the specified zone.");
   }
 
   const std::string imageId = p.Required("ImageId");
@@ -225,11 +311,12 @@ LaunchPlan Plan(Context& ctx) {
   }
   CheckName(p.GetOr("InstanceName", ""), "InvalidInstanceName.Malformed");
   plan.tags = p.Tags();
+  PlanNetwork(ctx, plan, vswitchId, amount);
   return plan;
 }
 
 model::Instance& Launch(Context& ctx, const LaunchPlan& plan, const std::string& name, const std::string& hostName,
-                        bool autoStart) {
+                        bool autoStart, const std::string& address) {
   model::Store& store = ctx.store;
   model::Instance inst;
   inst.id = store.NewId("i-");
@@ -242,11 +329,10 @@ model::Instance& Launch(Context& ctx, const LaunchPlan& plan, const std::string&
   inst.imageId = plan.image->id;
   inst.osName = plan.image->osName;
   inst.osType = plan.image->osType;
-  inst.vpcId = "vpc-hxsim" + plan.regionId;
-  inst.vswitchId = ctx.params.GetOr("VSwitchId", "vsw-hxsim" + plan.zone->id);
-  inst.securityGroupId = ctx.params.GetOr("SecurityGroupId", "sg-hxsim" + plan.regionId);
-  inst.privateIp = "172.16." + std::to_string(1 + store.instances.size() / 250) + "." +
-                   std::to_string(10 + store.instances.size() % 250);
+  inst.vpcId = plan.vswitch->vpcId;
+  inst.vswitchId = plan.vswitch->id;
+  inst.securityGroupIds = {plan.securityGroupId};
+  inst.privateIp = address;
   inst.chargeType = ctx.params.GetOr("InstanceChargeType", "PostPaid");
   inst.serialNumber = store.NewId("");
   inst.creationTime = store.NowIso(false);
@@ -307,9 +393,10 @@ model::Instance& Launch(Context& ctx, const LaunchPlan& plan, const std::string&
 
 json CreateInstance(Context& ctx) {
   if (auto replay = ReplayClientToken(ctx)) return *replay;
-  LaunchPlan plan = Plan(ctx);
+  LaunchPlan plan = Plan(ctx, 1);
   FinishDryRun(ctx);
-  auto& inst = Launch(ctx, plan, ctx.params.GetOr("InstanceName", ""), ctx.params.GetOr("HostName", ""), false);
+  auto& inst = Launch(ctx, plan, ctx.params.GetOr("InstanceName", ""), ctx.params.GetOr("HostName", ""), false,
+                      plan.addresses.front());
   json result = {{"InstanceId", inst.id}, {"OrderId", ""}, {"TradePrice", 0}};
   RememberClientToken(ctx, result);
   return result;
@@ -324,15 +411,16 @@ std::string WithSuffix(const std::string& base, int64_t index, bool unique) {
 
 json RunInstances(Context& ctx) {
   if (auto replay = ReplayClientToken(ctx)) return *replay;
-  LaunchPlan plan = Plan(ctx);
   const int64_t amount = ctx.params.Int("Amount", 1, 1, 100);
   ctx.params.Int("MinAmount", 1, 1, amount);
+  LaunchPlan plan = Plan(ctx, amount);
   FinishDryRun(ctx);
   const bool unique = ctx.params.Bool("UniqueSuffix", false) && amount > 1;
   json ids = json::array();
   for (int64_t k = 1; k <= amount; ++k) {
     auto& inst = Launch(ctx, plan, WithSuffix(ctx.params.GetOr("InstanceName", ""), k, unique),
-                        WithSuffix(ctx.params.GetOr("HostName", ""), k, unique), true);
+                        WithSuffix(ctx.params.GetOr("HostName", ""), k, unique), true,
+                        plan.addresses[static_cast<size_t>(k - 1)]);
     ids.push_back(inst.id);
   }
   json result = {{"InstanceIdSets", {{"InstanceIdSet", ids}}}, {"OrderId", ""}, {"TradePrice", 0}};

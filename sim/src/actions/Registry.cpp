@@ -16,6 +16,7 @@ const HandlerMap& Handlers() {
     RegisterSnapshotActions(m);
     RegisterImageActions(m);
     RegisterTagActions(m);
+    RegisterSecurityGroupActions(m);
     return m;
   }();
   return map;
@@ -31,6 +32,11 @@ std::string OptionalRegion(Context& ctx) {
   std::string region = ctx.params.GetOr("RegionId", "");
   if (!region.empty()) ctx.store.RegionOrThrow(region);
   return region;
+}
+
+api::ApiError MissingInput(const std::string& name) {
+  return BadRequest("MissingParameter",
+                    "The input parameter \"" + name + "\" that is mandatory for processing this request is not supplied.");
 }
 
 void FinishDryRun(Context& ctx) {

@@ -36,6 +36,7 @@ void RegisterDiskActions(HandlerMap& map);
 void RegisterSnapshotActions(HandlerMap& map);
 void RegisterImageActions(HandlerMap& map);
 void RegisterTagActions(HandlerMap& map);
+void RegisterSecurityGroupActions(HandlerMap& map);
 
 // ---- helpers shared by the handlers ----
 
@@ -43,6 +44,11 @@ void RegisterTagActions(HandlerMap& map);
 std::string RequiredRegion(Context& ctx);
 // RegionId when given (validated), else "" (lookups then ignore the region).
 std::string OptionalRegion(Context& ctx);
+
+// 400 MissingParameter naming `name`: what the network actions (CreateInstance's
+// vSwitch and group, JoinSecurityGroup, LeaveSecurityGroup) answer for an absent input,
+// where the disk actions use Missing<Name> codes.
+api::ApiError MissingInput(const std::string& name);
 
 // When DryRun=true the request stops after validation with 400 DryRunOperation.
 void FinishDryRun(Context& ctx);

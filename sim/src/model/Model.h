@@ -59,6 +59,29 @@ struct Timings {
   double instanceStop = 10;
 };
 
+// Networking: each region's instances live in VPCs; a vSwitch is one zone's slice of a
+// VPC's addresses; a security group belongs to one VPC and only takes its instances.
+struct Vpc {
+  std::string id;
+  std::string regionId;
+  std::string cidrBlock;
+};
+
+struct VSwitch {
+  std::string id;
+  std::string vpcId;
+  std::string regionId;
+  std::string zoneId;
+  std::string cidrBlock;
+};
+
+struct SecurityGroup {
+  std::string id;
+  std::string name;
+  std::string vpcId;
+  std::string regionId;
+};
+
 struct Instance {
   std::string id;
   std::string name;
@@ -74,7 +97,7 @@ struct Instance {
   std::deque<Step> steps;
   std::string vpcId;
   std::string vswitchId;
-  std::string securityGroupId;
+  std::vector<std::string> securityGroupIds;  // in joining order; never empty
   std::string privateIp;
   std::string chargeType = "PostPaid";
   std::string serialNumber;

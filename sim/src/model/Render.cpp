@@ -45,7 +45,7 @@ json RenderInstance(Store& store, const Instance& i) {
         {"VSwitchId", i.vswitchId},
         {"NatIpAddress", ""},
         {"PrivateIpAddress", {{"IpAddress", json::array({i.privateIp})}}}}},
-      {"SecurityGroupIds", {{"SecurityGroupId", json::array({i.securityGroupId})}}},
+      {"SecurityGroupIds", {{"SecurityGroupId", i.securityGroupIds}}},
       {"PublicIpAddress", {{"IpAddress", json::array()}}},
       {"OperationLocks", {{"LockReason", locks}}},
       {"Tags", RenderTags(i.tags)},

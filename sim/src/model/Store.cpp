@@ -4,6 +4,7 @@
 #include <set>
 
 #include "api/ApiError.h"
+#include "util/Ipv4.h"
 
 namespace hxsim::model {
 
@@ -53,6 +54,9 @@ void Store::Clear() {
   snapshots.clear();
   images.clear();
   clientTokens.clear();
+  vpcs.clear();
+  vswitches.clear();
+  securityGroups.clear();
   regions_.clear();
   instanceTypes_.clear();
   proxyInstanceId.clear();
@@ -169,6 +173,37 @@ Snapshot& Store::SnapshotOrThrow(const std::string& id, const std::string& regio
 }
 Image& Store::ImageOrThrow(const std::string& id, const std::string& regionId) {
   return Lookup(images, id, regionId, "InvalidImageId.NotFound", "The specified ImageId does not exist.");
+}
+
+SecurityGroup& Store::SecurityGroupOrThrow(const std::string& id, const std::string& regionId) {
+  return Lookup(securityGroups, id, regionId, "InvalidSecurityGroupId.NotFound",
+                "The specified SecurityGroupId does not exist.");
+}
+
+const Instance* Store::AddressHolder(const std::string& vswitchId, const std::string& address,
+                                     const std::string& except) const {
+  for (const auto& [id, i] : instances) {
+    if (id != except && i.vswitchId == vswitchId && i.privateIp == address) return &i;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> Store::FreeAddresses(const VSwitch& vswitch, size_t count) const {
+  std::vector<std::string> out;
+  auto cidr = ipv4::ParseCidr(vswitch.cidrBlock);
+  if (!cidr) return out;
+  std::set<uint32_t> used;
+  for (const auto& [id, i] : instances) {
+    if (i.vswitchId != vswitch.id) continue;
+    if (auto a = ipv4::Parse(i.privateIp)) used.insert(*a);
+  }
+  while (out.size() < count) {
+    auto free = ipv4::LowestFree(*cidr, used);
+    if (!free) break;
+    used.insert(*free);
+    out.push_back(ipv4::Format(*free));
+  }
+  return out;
 }
 
 const InstanceType& Store::TypeOf(const Instance& instance) const {

@@ -64,6 +64,9 @@ class Store {
   std::map<std::string, Snapshot> snapshots;
   std::map<std::string, Image> images;
   std::map<std::string, ClientTokenRecord> clientTokens;  // key: action + "\n" + token
+  std::map<std::string, Vpc> vpcs;
+  std::map<std::string, VSwitch> vswitches;
+  std::map<std::string, SecurityGroup> securityGroups;
 
   // Lookups that answer an unknown id (or one outside `regionId`, when given) with the
   // service's 404 code.
@@ -72,6 +75,14 @@ class Store {
   Snapshot& SnapshotOrThrow(const std::string& id, const std::string& regionId = "");
   Image& ImageOrThrow(const std::string& id, const std::string& regionId = "");
   const InstanceType& TypeOf(const Instance& instance) const;
+  SecurityGroup& SecurityGroupOrThrow(const std::string& id, const std::string& regionId = "");
+
+  // ---- network helpers ----
+  // The instance other than `except` that holds `address` in the vSwitch, or nullptr.
+  const Instance* AddressHolder(const std::string& vswitchId, const std::string& address,
+                                const std::string& except = "") const;
+  // Up to `count` usable addresses of the vSwitch that no instance holds, lowest first.
+  std::vector<std::string> FreeAddresses(const VSwitch& vswitch, size_t count) const;
 
   // A fresh id: prefix + 20 lowercase alphanumerics (seeded, so runs are repeatable).
   std::string NewId(const std::string& prefix);

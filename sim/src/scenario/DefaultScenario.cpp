@@ -3,6 +3,10 @@
 // ("cloud_auto"), the category whose 1 GiB minimum makes such small disks valid: copies
 // and restored data disks then keep their exact size. The values of the instance types
 // (cpu, memory, DiskQuantity) are the emulator's; they are not a price list.
+// Networks: besides each region's defaults (see Scenario.h), Hangzhou has a second group
+// "web" in its default VPC (an instance can join it) and a separate VPC "isolated" with
+// its own vSwitch and group (an instance of the default VPC cannot). The instances keep
+// fixed addresses so that a restore can ask for one of them back.
 #include "scenario/Scenario.h"
 
 namespace hxsim::scenario {
@@ -43,23 +47,34 @@ const std::string& DefaultScenarioJson() {
     {"imageId": "ubuntu_22_04_x64_20G_alibase_20240812.vhd", "imageName": "Ubuntu 22.04 64-bit",
      "platform": "Ubuntu", "osName": "Ubuntu 22.04 64-bit", "sizeGiB": 20}
   ],
+  "vpcs": [
+    {"vpcId": "vpc-hxsim0iso00000000001", "regionId": "cn-hangzhou", "cidrBlock": "192.168.0.0/16"}
+  ],
+  "vSwitches": [
+    {"vSwitchId": "vsw-hxsim0iso00000000001", "vpcId": "vpc-hxsim0iso00000000001", "zoneId": "cn-hangzhou-h",
+     "cidrBlock": "192.168.1.0/24"}
+  ],
+  "securityGroups": [
+    {"securityGroupId": "sg-hxsim0web00000000001", "securityGroupName": "web", "vpcId": "vpc-hxsimcn-hangzhou"},
+    {"securityGroupId": "sg-hxsim0iso00000000001", "securityGroupName": "isolated", "vpcId": "vpc-hxsim0iso00000000001"}
+  ],
   "proxyInstanceId": "i-hxsim0proxy000000001",
   "instances": [
     {"instanceId": "i-hxsim0proxy000000001", "instanceName": "backup-proxy", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.g7.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
-     "tags": {"role": "backup-proxy"},
+     "privateIpAddress": "172.16.0.11", "tags": {"role": "backup-proxy"},
      "disks": [
        {"diskId": "d-hxsim0proxy000000001", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 1}}
      ]},
     {"instanceId": "i-hxsim0vm000000000001", "instanceName": "web-01", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.g7.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
-     "tags": {"env": "demo", "app": "web"},
+     "privateIpAddress": "172.16.0.12", "tags": {"env": "demo", "app": "web"},
      "disks": [
        {"diskId": "d-hxsim0disk0000000001", "type": "system", "sizeGiB": 2, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 4}}
      ]},
     {"instanceId": "i-hxsim0vm000000000002", "instanceName": "db-01", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.g7.xlarge", "imageId": "ubuntu_22_04_x64_20G_alibase_20240812.vhd",
-     "tags": {"env": "demo", "app": "db"},
+     "privateIpAddress": "172.16.0.13", "tags": {"env": "demo", "app": "db"},
      "disks": [
        {"diskId": "d-hxsim0disk0000000002", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 2}},
        {"diskId": "d-hxsim0disk0000000003", "type": "data", "sizeGiB": 2, "category": "cloud_auto", "diskName": "db-data",
@@ -67,7 +82,7 @@ const std::string& DefaultScenarioJson() {
      ]},
     {"instanceId": "i-hxsim0vm000000000003", "instanceName": "app-01", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-h", "instanceType": "ecs.t6-c1m2.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
-     "tags": {"env": "demo", "app": "app"},
+     "privateIpAddress": "172.16.0.14", "tags": {"env": "demo", "app": "app"},
      "disks": [
        {"diskId": "d-hxsim0disk0000000004", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 2}},
        {"diskId": "d-hxsim0disk0000000005", "type": "data", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 3}},
@@ -77,7 +92,7 @@ const std::string& DefaultScenarioJson() {
      ]},
     {"instanceId": "i-hxsim0vm000000000004", "instanceName": "web-02", "regionId": "cn-hangzhou",
      "zoneId": "cn-hangzhou-i", "instanceType": "ecs.g7.large", "imageId": "aliyun_3_x64_20G_alibase_20240819.vhd",
-     "tags": {"env": "demo", "app": "web"},
+     "privateIpAddress": "172.16.16.15", "tags": {"env": "demo", "app": "web"},
      "disks": [
        {"diskId": "d-hxsim0disk0000000008", "type": "system", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "marker", "dataMiB": 2}},
        {"diskId": "d-hxsim0disk0000000009", "type": "data", "sizeGiB": 1, "category": "cloud_auto", "content": {"pattern": "random", "dataMiB": 2}}

@@ -1,9 +1,12 @@
 #include "scenario/Scenario.h"
 
+#include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "model/Store.h"
+#include "util/Ipv4.h"
 
 namespace hxsim::scenario {
 
@@ -106,6 +109,131 @@ void Validate(const Scenario& s) {
   if (!proxyFound) throw std::runtime_error("proxyInstanceId names no instance");
 }
 
+// The default VPC, security group and vSwitches of every region, unless listed.
+void AddDefaultNetworks(Scenario& s) {
+  auto listed = [](const auto& list, const std::string& id) {
+    return std::any_of(list.begin(), list.end(), [&](const auto& o) { return o.id == id; });
+  };
+  std::vector<model::Vpc> vpcs;
+  std::vector<model::VSwitch> vswitches;
+  std::vector<model::SecurityGroup> groups;
+  const uint32_t first = *ipv4::Parse("172.16.0.0");
+  for (const auto& r : s.regions) {
+    const std::string vpcId = "vpc-hxsim" + r.id;
+    if (!listed(s.vpcs, vpcId)) vpcs.push_back({vpcId, r.id, "172.16.0.0/12"});
+    if (!listed(s.securityGroups, "sg-hxsim" + r.id)) groups.push_back({"sg-hxsim" + r.id, "default", vpcId, r.id});
+    for (size_t k = 0; k < r.zones.size(); ++k) {
+      const std::string id = "vsw-hxsim" + r.zones[k].id;
+      if (k >= 256) throw std::runtime_error("region " + r.id + ": too many zones for default vSwitches");
+      if (!listed(s.vswitches, id)) {
+        vswitches.push_back({id, vpcId, r.id, r.zones[k].id,
+                             ipv4::Format(first + static_cast<uint32_t>(k) * 4096) + "/20"});
+      }
+    }
+  }
+  s.vpcs.insert(s.vpcs.begin(), vpcs.begin(), vpcs.end());
+  s.vswitches.insert(s.vswitches.begin(), vswitches.begin(), vswitches.end());
+  s.securityGroups.insert(s.securityGroups.begin(), groups.begin(), groups.end());
+}
+
+// Checks the networks and completes every instance's vSwitch, groups and address.
+void ResolveNetworks(Scenario& s) {
+  std::set<std::string> ids, zones;
+  for (const auto& r : s.regions)
+    for (const auto& z : r.zones) zones.insert(r.id + "/" + z.id);
+  auto unique = [&](const std::string& id, const char* what) {
+    if (id.empty()) throw std::runtime_error(std::string(what) + " without an id");
+    if (!ids.insert(id).second) throw std::runtime_error("duplicate id " + id);
+  };
+  std::map<std::string, const model::Vpc*> vpcs;
+  for (const auto& v : s.vpcs) {
+    unique(v.id, "VPC");
+    if (std::none_of(s.regions.begin(), s.regions.end(), [&](const auto& r) { return r.id == v.regionId; })) {
+      throw std::runtime_error("VPC " + v.id + ": unknown region " + v.regionId);
+    }
+    if (!ipv4::ParseCidr(v.cidrBlock)) throw std::runtime_error("VPC " + v.id + ": bad cidrBlock " + v.cidrBlock);
+    vpcs[v.id] = &v;
+  }
+  auto vpcOf = [&](const std::string& vpcId, const std::string& who) -> const model::Vpc& {
+    auto it = vpcs.find(vpcId);
+    if (it == vpcs.end()) throw std::runtime_error(who + ": unknown VPC " + vpcId);
+    return *it->second;
+  };
+  std::map<std::string, model::VSwitch*> vswitches;
+  for (auto& w : s.vswitches) {
+    unique(w.id, "vSwitch");
+    const auto& vpc = vpcOf(w.vpcId, "vSwitch " + w.id);
+    w.regionId = vpc.regionId;
+    if (!zones.count(w.regionId + "/" + w.zoneId)) {
+      throw std::runtime_error("vSwitch " + w.id + ": zone " + w.zoneId + " is not in region " + w.regionId);
+    }
+    auto block = ipv4::ParseCidr(w.cidrBlock);
+    if (!block || !ipv4::ParseCidr(vpc.cidrBlock)->Contains(*block)) {
+      throw std::runtime_error("vSwitch " + w.id + ": cidrBlock " + w.cidrBlock + " is not inside " + vpc.cidrBlock);
+    }
+    for (const auto& [otherId, other] : vswitches) {
+      if (other->vpcId == w.vpcId && ipv4::ParseCidr(other->cidrBlock)->Overlaps(*block)) {
+        throw std::runtime_error("vSwitch " + w.id + ": cidrBlock overlaps " + otherId);
+      }
+    }
+    vswitches[w.id] = &w;
+  }
+  std::map<std::string, const model::SecurityGroup*> groups;
+  for (auto& g : s.securityGroups) {
+    unique(g.id, "security group");
+    g.regionId = vpcOf(g.vpcId, "security group " + g.id).regionId;
+    groups[g.id] = &g;
+  }
+
+  // Listed addresses first, so that the defaults handed out next never take one.
+  std::map<std::string, std::set<uint32_t>> used;  // by vSwitch
+  for (auto& i : s.instances) {
+    if (i.vSwitchId.empty()) i.vSwitchId = "vsw-hxsim" + i.zoneId;
+    auto w = vswitches.find(i.vSwitchId);
+    if (w == vswitches.end()) throw std::runtime_error("instance " + i.id + ": unknown vSwitch " + i.vSwitchId);
+    if (w->second->zoneId != i.zoneId) throw std::runtime_error("instance " + i.id + ": vSwitch " + i.vSwitchId + " is in another zone");
+    if (i.securityGroupIds.empty()) {
+      const std::string fallback = "sg-hxsim" + i.regionId;
+      auto g = groups.find(fallback);
+      if (g != groups.end() && g->second->vpcId == w->second->vpcId) {
+        i.securityGroupIds.push_back(fallback);
+      } else {
+        for (const auto& g2 : s.securityGroups) {
+          if (g2.vpcId == w->second->vpcId) {
+            i.securityGroupIds.push_back(g2.id);
+            break;
+          }
+        }
+      }
+      if (i.securityGroupIds.empty()) throw std::runtime_error("instance " + i.id + ": no security group in its VPC");
+    }
+    if (i.securityGroupIds.size() > 5) throw std::runtime_error("instance " + i.id + ": more than 5 security groups");
+    std::set<std::string> seen;
+    for (const auto& id : i.securityGroupIds) {
+      auto g = groups.find(id);
+      if (g == groups.end()) throw std::runtime_error("instance " + i.id + ": unknown security group " + id);
+      if (g->second->vpcId != w->second->vpcId) throw std::runtime_error("instance " + i.id + ": security group " + id + " is in another VPC");
+      if (!seen.insert(id).second) throw std::runtime_error("instance " + i.id + ": security group " + id + " listed twice");
+    }
+    if (i.privateIp.empty()) continue;
+    auto address = ipv4::Parse(i.privateIp);
+    auto block = *ipv4::ParseCidr(w->second->cidrBlock);
+    if (!address || !block.Contains(*address) || block.Reserved(*address)) {
+      throw std::runtime_error("instance " + i.id + ": privateIpAddress " + i.privateIp + " is not usable in " + i.vSwitchId);
+    }
+    if (!used[i.vSwitchId].insert(*address).second) {
+      throw std::runtime_error("instance " + i.id + ": privateIpAddress " + i.privateIp + " is taken");
+    }
+  }
+  for (auto& i : s.instances) {
+    if (!i.privateIp.empty()) continue;
+    auto free = ipv4::LowestFree(*ipv4::ParseCidr(vswitches[i.vSwitchId]->cidrBlock), used[i.vSwitchId]);
+    if (!free) throw std::runtime_error("instance " + i.id + ": vSwitch " + i.vSwitchId + " is full");
+    used[i.vSwitchId].insert(*free);
+    i.privateIp = ipv4::Format(*free);
+  }
+}
+
 }  // namespace
 
 std::optional<Scenario> Parse(const std::string& text, std::string* error) {
@@ -152,6 +280,15 @@ std::optional<Scenario> Parse(const std::string& text, std::string* error) {
       }
       s.regions.push_back(std::move(region));
     }
+    for (const auto& v : j.value("vpcs", json::array())) {
+      s.vpcs.push_back({Str(v, "vpcId"), Str(v, "regionId"), Str(v, "cidrBlock", "172.16.0.0/12")});
+    }
+    for (const auto& w : j.value("vSwitches", json::array())) {
+      s.vswitches.push_back({Str(w, "vSwitchId"), Str(w, "vpcId"), "", Str(w, "zoneId"), Str(w, "cidrBlock")});
+    }
+    for (const auto& g : j.value("securityGroups", json::array())) {
+      s.securityGroups.push_back({Str(g, "securityGroupId"), Str(g, "securityGroupName"), Str(g, "vpcId"), ""});
+    }
     for (const auto& m : j.value("images", json::array())) {
       ImageSpec image;
       image.id = Str(m, "imageId");
@@ -173,6 +310,9 @@ std::optional<Scenario> Parse(const std::string& text, std::string* error) {
       spec.instanceType = Str(i, "instanceType");
       spec.imageId = Str(i, "imageId");
       spec.status = Str(i, "status", "Running");
+      spec.vSwitchId = Str(i, "vSwitchId");
+      spec.privateIp = Str(i, "privateIpAddress");
+      spec.securityGroupIds = StrList(i, "securityGroupIds");
       spec.tags = TagsOf(i);
       for (const auto& d : i.value("disks", json::array())) spec.disks.push_back(ParseDisk(d));
       s.instances.push_back(std::move(spec));
@@ -180,6 +320,8 @@ std::optional<Scenario> Parse(const std::string& text, std::string* error) {
     for (const auto& d : j.value("disks", json::array())) s.disks.push_back(ParseDisk(d));
     s.proxyInstanceId = Str(j, "proxyInstanceId");
     Validate(s);
+    AddDefaultNetworks(s);
+    ResolveNetworks(s);
     return s;
   } catch (const std::exception& e) {
     if (error) *error = std::string("invalid scenario: ") + e.what();
@@ -219,6 +361,9 @@ void Apply(const Scenario& s, model::Store& store) {
   store.regions() = s.regions;
   for (const auto& t : s.instanceTypes) store.instanceTypes()[t.id] = t;
   store.proxyInstanceId = s.proxyInstanceId;
+  for (const auto& v : s.vpcs) store.vpcs[v.id] = v;
+  for (const auto& w : s.vswitches) store.vswitches[w.id] = w;
+  for (const auto& g : s.securityGroups) store.securityGroups[g.id] = g;
 
   for (const auto& spec : s.images) {
     model::Image image;
@@ -238,9 +383,7 @@ void Apply(const Scenario& s, model::Store& store) {
     store.images[image.id] = image;
   }
 
-  int index = 0;
   for (const auto& spec : s.instances) {
-    ++index;
     model::Instance inst;
     inst.id = spec.id.empty() ? store.NewId("i-") : spec.id;
     inst.name = spec.name.empty() ? inst.id : spec.name;
@@ -254,10 +397,10 @@ void Apply(const Scenario& s, model::Store& store) {
       inst.osType = image->second.osType;
     }
     inst.status = spec.status;
-    inst.vpcId = "vpc-hxsim" + spec.regionId;
-    inst.vswitchId = "vsw-hxsim" + spec.zoneId;
-    inst.securityGroupId = "sg-hxsim" + spec.regionId;
-    inst.privateIp = "172.16." + std::to_string(index / 250) + "." + std::to_string(10 + index % 250);
+    inst.vswitchId = spec.vSwitchId;
+    inst.vpcId = store.vswitches.at(spec.vSwitchId).vpcId;
+    inst.securityGroupIds = spec.securityGroupIds;
+    inst.privateIp = spec.privateIp;
     inst.serialNumber = store.NewId("");
     inst.creationTime = store.NowIso(false);
     inst.startTime = spec.status == "Running" ? inst.creationTime : "";

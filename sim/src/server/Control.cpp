@@ -44,10 +44,19 @@ json State(World& world) {
     snapshots.push_back(j);
   }
   for (const auto& [id, m] : store.images) images.push_back(model::RenderImage(store, m));
+  json vswitches = json::array(), groups = json::array();
+  for (const auto& [id, w] : store.vswitches) {
+    vswitches.push_back({{"VSwitchId", id}, {"VpcId", w.vpcId}, {"ZoneId", w.zoneId}, {"CidrBlock", w.cidrBlock}});
+  }
+  for (const auto& [id, g] : store.securityGroups) {
+    groups.push_back({{"SecurityGroupId", id}, {"SecurityGroupName", g.name}, {"VpcId", g.vpcId}, {"RegionId", g.regionId}});
+  }
   return {{"instances", instances},
           {"disks", disks},
           {"snapshots", snapshots},
           {"images", images},
+          {"vSwitches", vswitches},
+          {"securityGroups", groups},
           {"deviceLinks", world.dataPlane().DeviceLinks()},
           {"proxyInstanceId", store.proxyInstanceId}};
 }
