@@ -187,9 +187,10 @@ void BM_Backup(benchmark::State& state) {
             break;
         }
         const json& manifest = outcome["manifest"];
-        mount += manifest.value("mountSeconds", 0.0);
-        copy += manifest.value("copySeconds", 0.0);
-        unmount += manifest.value("unmountSeconds", 0.0);
+        const json timings = manifest.value("timings", json::object());
+        mount += timings.value("mountSeconds", 0.0);
+        copy += timings.value("copySeconds", 0.0);
+        unmount += timings.value("unmountSeconds", 0.0);
         for (const auto& d : manifest["disks"]) dataMiB += d.value("dataBytes", 0.0) / (1 << 20);
 
         json counts;

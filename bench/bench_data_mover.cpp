@@ -179,7 +179,7 @@ void Report(benchmark::State& state, const Fixture& f, std::uint64_t written) {
     state.counters["nonzero_B/s"] = benchmark::Counter(static_cast<double>(f.nonZero),
                                                        benchmark::Counter::kIsIterationInvariantRate,
                                                        benchmark::Counter::kIs1024);
-    state.SetLabel(state.range(0) == kWarm ? "source in page cache" : "source evicted");
+    state.SetLabel(state.range(0) == kWarm ? "input in page cache" : "input evicted");
 }
 
 template <typename Op>
