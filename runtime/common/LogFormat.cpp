@@ -38,9 +38,13 @@ std::string Pad(std::string s, const Spec& spec) {
 }
 
 std::string Prefix(const Spec& spec) {
-    std::string p = "%" + spec.flags;
+    std::string p(1, '%');
+    p += spec.flags;
     if (spec.width >= 0) p += std::to_string(spec.width);
-    if (spec.precision >= 0) p += "." + std::to_string(spec.precision);
+    if (spec.precision >= 0) {
+        p += '.';
+        p += std::to_string(spec.precision);
+    }
     return p;
 }
 
