@@ -49,43 +49,42 @@ int CAliCloudInfo::CleanupVM(const MountCtx& ctx) {
     return 1;
 }
 
-bool CAliCloudInfo::DetachDisks_DiskInfo(const string& instanceId, const vector<SDisk>& disks) {
+namespace {
+// The detach pass both detach routines share: every cloud disk that is not filtered, each
+// between the mapper's pre- and post-detach calls, with the lines written under `tag`.
+// `detach` does the detaching itself; its failure makes the pass false but never stops it.
+template <class Detach>
+bool DetachEach(EvDebug& log, CDiskMapper& mapper, const char* tag, const vector<SDisk>& disks, Detach detach) {
     bool ok = true;
     for (const SDisk& disk : disks) {
         if (disk.diskType != 1 || disk.filtered) continue;
-        log.Debug(kDetachDisks_DiskInfo, "Detaching disk [%s]", disk.diskId);
-        if (!diskMapper->PreDetatchDisk("")) {
-            log.Error(kDetachDisks_DiskInfo, "DiskMapper PreDetach() failed for disk [%s].", disk.diskId);
+        log.Debug(tag, "Detaching disk [%s]", disk.diskId);
+        if (!mapper.PreDetatchDisk("")) {
+            log.Error(tag, "DiskMapper PreDetach() failed for disk [%s].", disk.diskId);
             continue;
         }
-        // Without a registry this object opened nothing; the deletion that follows decides.
-        if (!diskInfo || !diskInfo->CloseDisk(instanceId, disk.diskId)) {
-            log.Debug(kDetachDisks_DiskInfo, "Failed to detach disk [%s]", disk.diskId);
+        if (!detach(disk)) {
+            log.Debug(tag, "Failed to detach disk [%s]", disk.diskId);
             ok = false;
         }
-        if (!diskMapper->PostDetatchDisk())
-            log.Error(kDetachDisks_DiskInfo, "DiskMapper PostDetach() failed for disk [%s].", disk.diskId);
+        if (!mapper.PostDetatchDisk()) log.Error(tag, "DiskMapper PostDetach() failed for disk [%s].", disk.diskId);
     }
     return ok;
 }
+}  // namespace
+
+bool CAliCloudInfo::DetachDisks_DiskInfo(const string& instanceId, const vector<SDisk>& disks) {
+    // Through this object's registry, which updates its view of the disk too. Without a
+    // registry this object opened nothing; the deletion that follows decides.
+    return DetachEach(log, *diskMapper, kDetachDisks_DiskInfo, disks,
+                      [&](const SDisk& disk) { return diskInfo && diskInfo->CloseDisk(instanceId, disk.diskId); });
+}
 
 bool CAliCloudInfo::DetachDisks_BridgeObj(const string& instanceId, const vector<SDisk>& disks) {
-    bool ok = true;
-    for (const SDisk& disk : disks) {
-        if (disk.diskType != 1 || disk.filtered) continue;
-        log.Debug(kDetachDisks_BridgeObj, "Detaching disk [%s]", disk.diskId);
-        if (!diskMapper->PreDetatchDisk("")) {
-            log.Error(kDetachDisks_BridgeObj, "DiskMapper PreDetach() failed for disk [%s].", disk.diskId);
-            continue;
-        }
-        if (!bridge->DetachDisk(instanceId, disk.diskId, proxyVMInfo.regionId)) {
-            log.Debug(kDetachDisks_BridgeObj, "Failed to detach disk [%s]", disk.diskId);
-            ok = false;
-        }
-        if (!diskMapper->PostDetatchDisk())
-            log.Error(kDetachDisks_BridgeObj, "DiskMapper PostDetach() failed for disk [%s].", disk.diskId);
-    }
-    return ok;
+    // By cloud id alone: needs no registry entry.
+    return DetachEach(log, *diskMapper, kDetachDisks_BridgeObj, disks, [&](const SDisk& disk) {
+        return bridge->DetachDisk(instanceId, disk.diskId, proxyVMInfo.regionId);
+    });
 }
 
 bool CAliCloudInfo::DeleteDisks(const string& instanceId, const vector<SDisk>& disks) {
