@@ -661,14 +661,18 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
         if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateInstance returned no InstanceId");
         return id;
     };
+    // The old address is asked for first. ECS refuses it when another instance holds it
+    // (InvalidPrivateIpAddress.Duplicated), when it is outside the vSwitch's block
+    // (InvalidPrivateIpAddress) or malformed; the restore then goes on with an address ECS
+    // picks, since the instance matters more than its address. An address is only
+    // meaningful within its vSwitch (ECS refuses it alone), so without one it is dropped.
     std::string id;
-    if (!privateIp.empty()) {
+    if (!privateIp.empty() && !vSwitch.empty()) {
         Params withIp = p;
         withIp["PrivateIpAddress"] = privateIp;
         try {
             id = create(withIp);
         } catch (const ApiError& e) {
-            // The address is taken (or not in the vSwitch any more): let ECS choose one.
             if (e.code().rfind("InvalidPrivateIpAddress", 0) != 0 && e.code().rfind("InvalidIpAddress", 0) != 0) throw;
         }
     }

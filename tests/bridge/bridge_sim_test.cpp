@@ -32,6 +32,10 @@ constexpr const char* kDb = "i-hxsim0vm000000000002";       // ecs.g7.xlarge, sy
 constexpr const char* kApp = "i-hxsim0vm000000000003";      // ecs.t6 (5 disks at most), 4 disks
 constexpr const char* kDbSystemDisk = "d-hxsim0disk0000000002";
 constexpr const char* kDbDataDisk = "d-hxsim0disk0000000003";
+constexpr const char* kDbAddress = "172.16.0.13";                       // db-01's, in vsw-hxsimcn-hangzhou-h
+constexpr const char* kDefaultGroup = "sg-hxsimcn-hangzhou";            // every demo instance's group
+constexpr const char* kWebGroup = "sg-hxsim0web00000000001";            // same VPC, joinable
+constexpr const char* kIsolatedGroup = "sg-hxsim0iso00000000001";       // another VPC
 
 class BridgeOnEmulator : public ::testing::Test {
 protected:
@@ -391,6 +395,166 @@ TEST_F(BridgeOnEmulator, RestorePathImageInstancePowerAndDelete) {
     ASSERT_TRUE(bridge_.DeleteImage(kRegion, imageId, true)) << bridge_.GetLastError();
     EXPECT_TRUE(Find("images", "ImageId", imageId).is_null());
     EXPECT_TRUE(bridge_.DeleteSnapshot(snap)) << bridge_.GetLastError();
+}
+
+// ---------------------------------------------------------------- restore: groups and address
+
+// What a restore of db-01 starts from: its configuration document (edited by `edit` to
+// stand for the instance as it was backed up), the description rebuilt from it, and an
+// image of its system disk.
+struct RestoreInput {
+    std::string config;
+    SVMInfo target;
+    std::string imageId;
+};
+
+class RestoreNetwork : public BridgeOnEmulator {
+protected:
+    RestoreInput Prepare(const std::function<void(json& instance)>& edit = nullptr) {
+        RestoreInput in;
+        SVMInfo source;
+        std::string config;
+        EXPECT_TRUE(bridge_.GetVMInfoAndConfigFile(kDb, 16, 0, source, config)) << bridge_.GetLastError();
+        json doc = json::parse(config);
+        if (edit) edit(doc["instance"]);
+        in.config = doc.dump();
+        EXPECT_TRUE(bridge_.GetVMInfoFromConfigFile(in.config, in.target)) << bridge_.GetLastError();
+        in.target.guid.clear();
+        in.target.name = "db-01-restored";
+        in.target.hostName = kProxyZone;
+        const std::string snap = Snapshot(kDbSystemDisk);
+        EXPECT_TRUE(bridge_.CreateImageFromDiskSnapshots(kRegion, snap, {}, "x86_64", "Ubuntu 22.04 64-bit", in.imageId,
+                                                         "", "restore image"))
+            << bridge_.GetLastError();
+        return in;
+    }
+    std::vector<std::string> Groups(const std::string& instanceId) {
+        const json inst = Find("instances", "InstanceId", instanceId);
+        return inst.is_null() ? std::vector<std::string>{"<no instance>"}
+                              : inst["SecurityGroupIds"]["SecurityGroupId"].get<std::vector<std::string>>();
+    }
+    std::string Address(const std::string& instanceId) {
+        const json inst = Find("instances", "InstanceId", instanceId);
+        if (inst.is_null()) return "<no instance>";
+        const json& ips = inst["VpcAttributes"]["PrivateIpAddress"]["IpAddress"];
+        return ips.size() == 1 ? ips[0].get<std::string>() : ips.dump();
+    }
+    void WaitStopped(const std::string& instanceId) {
+        std::string status;
+        EXPECT_TRUE(Eventually([&] { return bridge_.GetInstanceStatus(instanceId, status) && status == "Stopped"; }))
+            << status;
+    }
+    static void AddGroup(json& instance, const std::string& group) {
+        instance["SecurityGroupIds"]["SecurityGroupId"].push_back(group);
+    }
+};
+
+TEST_F(RestoreNetwork, ARestoreIntoTwoSecurityGroupsEndsInBoth) {
+    // The groups come from the description the plug-in hands over, or from the document alone.
+    for (const bool fromDocumentOnly : {false, true}) {
+        SCOPED_TRACE(fromDocumentOnly ? "groups from the document" : "groups from the description");
+        ASSERT_EQ(emulator_->Reset(), "");
+        RestoreInput in = Prepare([](json& instance) { AddGroup(instance, kWebGroup); });
+        if (fromDocumentOnly) {
+            in.target.securityGroups.clear();
+        } else {
+            ASSERT_EQ(in.target.securityGroups.size(), 2u);
+        }
+
+        std::string newId;
+        ASSERT_TRUE(bridge_.CreateInstance(in.target, in.imageId, in.config, newId)) << bridge_.GetLastError();
+        EXPECT_EQ(Groups(newId), std::vector<std::string>{kDefaultGroup});  // CreateInstance takes one
+        WaitStopped(newId);
+        in.target.guid = newId;
+        const int joinsBefore = Calls("JoinSecurityGroup");
+        ASSERT_TRUE(bridge_.AddPeripheralComponents(in.target, in.config)) << bridge_.GetLastError();
+        EXPECT_EQ(Groups(newId), (std::vector<std::string>{kDefaultGroup, kWebGroup}));
+        EXPECT_EQ(Calls("JoinSecurityGroup") - joinsBefore, 1);
+
+        // Completing again changes nothing and asks ECS for nothing.
+        ASSERT_TRUE(bridge_.AddPeripheralComponents(in.target, in.config)) << bridge_.GetLastError();
+        EXPECT_EQ(Groups(newId), (std::vector<std::string>{kDefaultGroup, kWebGroup}));
+        EXPECT_EQ(Calls("JoinSecurityGroup") - joinsBefore, 1);
+    }
+}
+
+TEST_F(RestoreNetwork, AGroupThatCannotBeJoinedIsReportedAndTheOthersAreStillJoined) {
+    RestoreInput in = Prepare([](json& instance) {
+        AddGroup(instance, kIsolatedGroup);  // of another VPC: ECS refuses it
+        AddGroup(instance, kWebGroup);
+    });
+    std::string newId;
+    ASSERT_TRUE(bridge_.CreateInstance(in.target, in.imageId, in.config, newId)) << bridge_.GetLastError();
+    WaitStopped(newId);
+    in.target.guid = newId;
+    EXPECT_FALSE(bridge_.AddPeripheralComponents(in.target, in.config));
+    const std::string error = bridge_.GetLastError();
+    EXPECT_NE(error.find(kIsolatedGroup), std::string::npos) << error;
+    EXPECT_NE(error.find("InvalidInstanceId.Mismatch"), std::string::npos) << error;
+    EXPECT_EQ(error.find(kWebGroup), std::string::npos) << error;
+    EXPECT_EQ(Groups(newId), (std::vector<std::string>{kDefaultGroup, kWebGroup}));
+}
+
+// The old private address is asked for first; when ECS refuses it the instance is made
+// with an address ECS picks in the same vSwitch, so the restore still succeeds.
+TEST_F(RestoreNetwork, ThePrivateAddressIsKeptWhenFreeAndReplacedWhenNot) {
+    struct Case {
+        const char* name;
+        std::function<void(SVMInfo&)> change;  // applied to the restored description
+        bool deleteSource;                      // frees db-01's address first
+        bool keepsAddress;
+        int createCalls;                        // CreateInstance requests the bridge sends
+    } cases[] = {
+        {"address free (the source is gone)", nullptr, true, true, 1},
+        {"address taken by the source", nullptr, false, false, 2},
+        {"address outside the vSwitch", [](SVMInfo& vm) { vm.networkCards[0].privateIp = "10.1.2.3"; }, true, false, 2},
+        {"malformed address", [](SVMInfo& vm) { vm.networkCards[0].privateIp = "172.16.0.300"; }, true, false, 2},
+        // Without its vSwitch an address means nothing to ECS: it is not sent at all.
+        {"address without a vSwitch", [](SVMInfo& vm) { vm.networkCards[0].vSwitchId.clear(); }, true, false, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(emulator_->Reset(), "");
+        RestoreInput in = Prepare();
+        ASSERT_EQ(in.target.networkCards.size(), 1u);
+        ASSERT_EQ(in.target.networkCards[0].privateIp, kDbAddress);
+        if (c.change) c.change(in.target);
+        if (c.deleteSource) {
+            ASSERT_TRUE(bridge_.PowerOffInstance(kDb, true, true, false)) << bridge_.GetLastError();
+            ASSERT_TRUE(bridge_.DeleteInstance(kDb)) << bridge_.GetLastError();
+        }
+        const int callsBefore = Calls("CreateInstance");
+        const size_t instancesBefore = State()["instances"].size();
+
+        std::string newId;
+        ASSERT_TRUE(bridge_.CreateInstance(in.target, in.imageId, in.config, newId)) << bridge_.GetLastError();
+        EXPECT_EQ(Calls("CreateInstance") - callsBefore, c.createCalls);
+        EXPECT_EQ(State()["instances"].size(), instancesBefore + 1);  // a refused attempt leaves nothing behind
+        const std::string address = Address(newId);
+        if (c.keepsAddress) {
+            EXPECT_EQ(address, kDbAddress);
+        } else {
+            EXPECT_NE(address, kDbAddress);
+            EXPECT_EQ(address.rfind("172.16.", 0), 0u) << address;  // ECS's pick, in the zone's vSwitch
+        }
+        EXPECT_EQ(Find("instances", "InstanceId", newId)["VpcAttributes"].value("VSwitchId", ""),
+                  "vsw-hxsimcn-hangzhou-h");
+        if (!c.deleteSource) {
+            EXPECT_EQ(Address(kDb), kDbAddress);  // the source keeps its own
+        }
+    }
+}
+
+TEST_F(RestoreNetwork, AnUnknownVSwitchFailsTheCreateClearlyWithoutASecondAttempt) {
+    RestoreInput in = Prepare();
+    in.target.networkCards[0].vSwitchId = "vsw-hxsim0gone0000000001";
+    const int callsBefore = Calls("CreateInstance");
+    const size_t instancesBefore = State()["instances"].size();
+    std::string newId;
+    EXPECT_FALSE(bridge_.CreateInstance(in.target, in.imageId, in.config, newId));
+    EXPECT_NE(bridge_.GetLastError().find("InvalidVSwitchId.NotFound"), std::string::npos) << bridge_.GetLastError();
+    EXPECT_EQ(Calls("CreateInstance") - callsBefore, 1);
+    EXPECT_EQ(State()["instances"].size(), instancesBefore);
 }
 
 }  // namespace
