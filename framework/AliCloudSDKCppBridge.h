@@ -89,8 +89,9 @@ public:
     // instance type, primary network card's vSwitch and private IP, first security group,
     // OS disk's category and size) and the image `imageId`, completing what the record leaves
     // empty from the configuration document (its vSwitch and private IP only when the zone is
-    // unchanged), plus the document's description and user tags. A private IP that is taken
-    // is dropped and ECS picks one. Returns without waiting for the Stopped state.
+    // unchanged), plus the document's description and user tags. A private IP is asked for only
+    // together with its vSwitch; one ECS refuses (taken, outside the vSwitch) is dropped and
+    // ECS picks one. Returns without waiting for the Stopped state.
     bool CreateInstance(const VMInfoStructs::SVMInfo& vmInfo, const std::string& imageId,
                         const std::string& configText, std::string& newInstanceId);
     // Adds what CreateInstance cannot set: the security groups after the first (ECS
