@@ -19,6 +19,7 @@ WaitBounds WaitBounds::Scaled(double scale) const {
     out.detachDisk = detachDisk.Scaled(scale);
     out.createImage = createImage.Scaled(scale);
     out.stopInstance = stopInstance.Scaled(scale);
+    out.deletion = deletion.Scaled(scale);
     return out;
 }
 
@@ -98,6 +99,7 @@ void Impl::Connect(const std::string& accessKeyId, const std::string& accessKeyS
     }
     if (!deps_.ecsTransport) deps_.ecsTransport = std::make_shared<CurlTransport>();
     if (!deps_.metadataTransport) deps_.metadataTransport = std::make_shared<CurlTransport>(MetadataTransportOptions());
+    job_ = JobLabel::FromEnvironment();
     const double scale = deps_.settings.timeScale;
     waits_ = WaitBounds().Scaled(scale);
 
@@ -188,14 +190,23 @@ void Impl::GetLocalInstanceId(std::string& instanceId) {
                    "instance or cannot reach the service");
 }
 
-void Impl::AddOwnershipTags(Params& params, int firstIndex) {
-    const std::string proxy = ProxyInstanceId(false).value_or("unknown");
-    const std::string a = "Tag." + std::to_string(firstIndex) + ".";
-    const std::string b = "Tag." + std::to_string(firstIndex + 1) + ".";
-    params[a + "Key"] = kCreatedByTagKey;
-    params[a + "Value"] = kCreatedByTagValue;
-    params[b + "Key"] = kProxyTagKey;
-    params[b + "Value"] = proxy;
+std::string Impl::OwnershipProxyId() { return ProxyInstanceId(false).value_or("unknown"); }
+
+int Impl::AddOwnershipTags(Params& params, const std::string& role, bool incomplete, int first) {
+    return hxbridge::AddOwnershipTags(params, first, OwnershipProxyId(), job_, role, incomplete);
+}
+
+void Impl::RequireOwned(Kind kind, const json& item, const std::string& id) {
+    const std::string proxy = OwnershipProxyId();
+    if (IsOwnedBy(item, proxy)) return;
+    throw ApiError(ApiError::Kind::Client, "NotOwnedByThisProxy",
+                   std::string("the ") + KindName(static_cast<int>(kind)) + " " + id +
+                       " is not tagged as created by this bridge for proxy " + proxy + "; it is left alone");
+}
+
+void Impl::WaitUntilGone(Kind kind, const std::string& regionId, const std::string& id) {
+    WaitUntil(waits_.deletion, deps_.time, [&] { return !Find(kind, regionId, id).has_value(); },
+              std::string(KindName(static_cast<int>(kind))) + " " + id + " disappearing after its deletion");
 }
 
 // ---------------------------------------------------------------- lists and lookups
@@ -208,7 +219,7 @@ std::vector<json> Impl::ListPaged(const std::string& action, const std::string& 
     std::set<std::string> seen;
     for (;;) {
         json page = Call(action, regionId, params);
-        for (json& item : jv::WrappedList(page, outer, inner)) all.push_back(std::move(item));
+        for (json& item : jv::RequiredList(page, outer, inner, action)) all.push_back(std::move(item));
         const std::string next = jv::Str(page, "NextToken");
         if (next.empty() || !seen.insert(next).second) break;
         params["NextToken"] = next;
@@ -219,7 +230,7 @@ std::vector<json> Impl::ListPaged(const std::string& action, const std::string& 
 std::vector<json> Impl::Regions() {
     if (regions_.empty()) {
         json answer = Call("DescribeRegions", DefaultRegion(), {});
-        regions_ = jv::WrappedList(answer, "Regions", "Region");
+        regions_ = jv::RequiredList(answer, "Regions", "Region", "DescribeRegions");
         if (regions_.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "DescribeRegions listed no region");
     }
     return regions_;
@@ -227,7 +238,7 @@ std::vector<json> Impl::Regions() {
 
 std::vector<json> Impl::Zones(const std::string& regionId) {
     json answer = Call("DescribeZones", regionId, {{"Verbose", "false"}});
-    return jv::WrappedList(answer, "Zones", "Zone");
+    return jv::RequiredList(answer, "Zones", "Zone", "DescribeZones");
 }
 
 std::vector<json> Impl::Instances(const std::string& regionId, Params filter) {
@@ -291,7 +302,7 @@ std::string Impl::ArchitectureFor(const std::string& regionId, const json& insta
 
 std::optional<json> Impl::FindInstance(const std::string& regionId, const std::string& id) {
     json answer = Call("DescribeInstances", regionId, {{"InstanceIds", jv::IdArray({id})}});
-    for (const json& i : jv::WrappedList(answer, "Instances", "Instance")) {
+    for (const json& i : jv::RequiredList(answer, "Instances", "Instance", "DescribeInstances")) {
         if (jv::Str(i, "InstanceId") == id) return i;
     }
     return std::nullopt;
@@ -299,7 +310,7 @@ std::optional<json> Impl::FindInstance(const std::string& regionId, const std::s
 
 std::optional<json> Impl::FindDisk(const std::string& regionId, const std::string& id) {
     json answer = Call("DescribeDisks", regionId, {{"DiskIds", jv::IdArray({id})}});
-    for (const json& d : jv::WrappedList(answer, "Disks", "Disk")) {
+    for (const json& d : jv::RequiredList(answer, "Disks", "Disk", "DescribeDisks")) {
         if (jv::Str(d, "DiskId") == id) return d;
     }
     return std::nullopt;
@@ -307,7 +318,7 @@ std::optional<json> Impl::FindDisk(const std::string& regionId, const std::strin
 
 std::optional<json> Impl::FindSnapshot(const std::string& regionId, const std::string& id) {
     json answer = Call("DescribeSnapshots", regionId, {{"SnapshotIds", jv::IdArray({id})}});
-    for (const json& s : jv::WrappedList(answer, "Snapshots", "Snapshot")) {
+    for (const json& s : jv::RequiredList(answer, "Snapshots", "Snapshot", "DescribeSnapshots")) {
         if (jv::Str(s, "SnapshotId") == id) return s;
     }
     return std::nullopt;
@@ -316,7 +327,7 @@ std::optional<json> Impl::FindSnapshot(const std::string& regionId, const std::s
 std::optional<json> Impl::FindImage(const std::string& regionId, const std::string& id) {
     json answer = Call("DescribeImages", regionId,
                        {{"ImageId", id}, {"Status", kAllImageStatuses}, {"ImageOwnerAlias", "self"}});
-    for (const json& m : jv::WrappedList(answer, "Images", "Image")) {
+    for (const json& m : jv::RequiredList(answer, "Images", "Image", "DescribeImages")) {
         if (jv::Str(m, "ImageId") == id) return m;
     }
     return std::nullopt;
@@ -371,6 +382,16 @@ std::string Impl::RegionOf(Kind kind, const std::string& id) {
     throw NotFound(NotFoundCode(k), std::string("The specified ") + KindName(k) + " " + id +
                                         " does not exist in any of " + std::to_string(candidates.size()) +
                                         " regions.");
+}
+
+std::pair<std::string, std::optional<json>> Impl::Locate(Kind kind, const std::string& id) {
+    try {
+        const std::string region = RegionOf(kind, id);
+        return {region, Find(kind, region, id)};
+    } catch (const ApiError& e) {
+        if (e.kind() == ApiError::Kind::Service && e.IsNotFound()) return {std::string(), std::nullopt};
+        throw;
+    }
 }
 
 std::string Impl::RegionOr(const std::string& regionId, Kind kind, const std::string& id) {
@@ -495,7 +516,7 @@ void Impl::GetInstanceTypesForZone(const std::string& regionId, const std::strin
                        {{"DestinationResource", "InstanceType"}, {"ZoneId", zoneId}, {"InstanceChargeType", "PostPaid"}});
     std::vector<VMInfoStructs::SVMSizeInfo> result;
     std::set<std::string> seen;
-    for (const json& zone : jv::WrappedList(answer, "AvailableZones", "AvailableZone")) {
+    for (const json& zone : jv::RequiredList(answer, "AvailableZones", "AvailableZone", "DescribeAvailableResource")) {
         if (jv::Str(zone, "ZoneId", zoneId) != zoneId) continue;
         for (const json& res : jv::WrappedList(zone, "AvailableResources", "AvailableResource")) {
             if (jv::Str(res, "Type", "InstanceType") != "InstanceType") continue;
@@ -643,10 +664,12 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
     if (sizeGiB > 0) p["SystemDisk.Size"] = std::to_string(std::max<long long>(sizeGiB, kMinimumSystemDiskGiB));
     if (!level.empty() && category == "cloud_essd") p["SystemDisk.PerformanceLevel"] = level;
 
+    // Tagged as this proxy's incomplete restore from its first moment: a crash before the
+    // host finishes the restore leaves an instance the next sweep can find and remove.
+    int n = AddOwnershipTags(p, "instance", /*incomplete=*/true);
     if (doc) {
-        int n = 1;
         for (const auto& [key, value] : doc->UserTags()) {
-            if (n > 20) break;  // ECS accepts at most 20 tags per resource
+            if (n > kMaxTagsPerResource) break;  // AddPeripheralComponents adds the rest
             p["Tag." + std::to_string(n) + ".Key"] = key;
             p["Tag." + std::to_string(n) + ".Value"] = value;
             ++n;
@@ -772,6 +795,10 @@ void Impl::GetInstanceStatus(const std::string& instanceId, std::string& status)
 }
 
 void Impl::DeleteInstance(const std::string& instanceId) {
+    // The machine this runs on is never released, whatever a caller's lookup matched.
+    if (auto proxy = ProxyInstanceId(false); proxy && *proxy == instanceId) {
+        throw ClientError("RefusedProxyInstance", "instance " + instanceId + " is this proxy; it is never deleted");
+    }
     const std::string region = RegionOf(Kind::Instance, instanceId);
     try {
         // Force=false: ECS refuses to release an instance that is not Stopped, which guards
@@ -780,6 +807,7 @@ void Impl::DeleteInstance(const std::string& instanceId) {
     } catch (const ApiError& e) {
         if (!(e.IsNotFound() && e.mayHaveSucceeded())) throw;
     }
+    WaitUntilGone(Kind::Instance, region, instanceId);
     regionOf_.erase(instanceId);
 }
 
@@ -814,7 +842,7 @@ void Impl::CreateDisk(const std::string& regionId, const std::string& zoneId, SD
     p["Description"] = description.empty() ? kDefaultDescription : description;
     if (encrypted) p["Encrypted"] = "true";
     p["ClientToken"] = ClientToken();
-    AddOwnershipTags(p);
+    AddOwnershipTags(p, snapshotId.empty() ? "restore-disk" : "disk-copy");
     json answer = Call("CreateDisk", regionId, p);
     const std::string id = jv::Str(answer, "DiskId");
     if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateDisk returned no DiskId");
@@ -898,12 +926,18 @@ void Impl::DetachDisk(const std::string& instanceId, const std::string& diskId, 
 }
 
 void Impl::DeleteDisk(const std::string& diskId) {
-    const std::string region = RegionOf(Kind::Disk, diskId);
+    auto [region, disk] = Locate(Kind::Disk, diskId);
+    if (!disk) {
+        regionOf_.erase(diskId);  // gone already: what a delete is for
+        return;
+    }
+    RequireOwned(Kind::Disk, *disk, diskId);
     try {
         Call("DeleteDisk", region, {{"DiskId", diskId}});
     } catch (const ApiError& e) {
         if (!(e.IsNotFound() && e.mayHaveSucceeded())) throw;
     }
+    WaitUntilGone(Kind::Disk, region, diskId);
     regionOf_.erase(diskId);
 }
 
@@ -917,7 +951,7 @@ void Impl::CreateSnapshot(const std::string& diskId, VMInfoStructs::SChildDisk& 
     if (!snapshotName.empty()) p["SnapshotName"] = snapshotName;
     p["Description"] = description.empty() ? kDefaultDescription : description;
     p["ClientToken"] = ClientToken();
-    AddOwnershipTags(p);
+    AddOwnershipTags(p, "snapshot");
     json answer = Call("CreateSnapshot", region, p);
     const std::string id = jv::Str(answer, "SnapshotId");
     if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateSnapshot returned no SnapshotId");
@@ -951,13 +985,19 @@ void Impl::DoesSnapshotExist(const std::string& regionId, const std::string& sna
 }
 
 void Impl::DeleteSnapshot(const std::string& snapshotId) {
-    const std::string region = RegionOf(Kind::Snapshot, snapshotId);
+    auto [region, snapshot] = Locate(Kind::Snapshot, snapshotId);
+    if (!snapshot) {
+        regionOf_.erase(snapshotId);  // gone already: what a delete is for
+        return;
+    }
+    RequireOwned(Kind::Snapshot, *snapshot, snapshotId);
     try {
         // Force: the bridge's snapshots are temporary; disks made from them stay usable.
         Call("DeleteSnapshot", region, {{"SnapshotId", snapshotId}, {"Force", "true"}});
     } catch (const ApiError& e) {
         if (!(e.IsNotFound() && e.mayHaveSucceeded())) throw;
     }
+    WaitUntilGone(Kind::Snapshot, region, snapshotId);
     regionOf_.erase(snapshotId);
 }
 
@@ -982,7 +1022,7 @@ void Impl::CreateImageFromDiskSnapshots(const std::string& regionId, const std::
     if (!imageName.empty()) p["ImageName"] = imageName;
     p["Description"] = description.empty() ? kDefaultDescription : description;
     p["ClientToken"] = ClientToken();
-    AddOwnershipTags(p);
+    AddOwnershipTags(p, "image");
     json answer = Call("CreateImage", region, p);
     const std::string id = jv::Str(answer, "ImageId");
     if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateImage returned no ImageId");
@@ -1005,6 +1045,14 @@ void Impl::CreateImageFromDiskSnapshots(const std::string& regionId, const std::
 void Impl::DeleteImage(const std::string& regionId, const std::string& imageId, bool force) {
     RequireArg(imageId, "image id");
     const std::string region = RegionOr(regionId, Kind::Image, imageId);
+    auto image = Find(Kind::Image, region, imageId);
+    if (!image) {
+        // ECS ignores an unknown id; there is nothing to delete or to wait for.
+        regionOf_.erase(imageId);
+        return;
+    }
+    RequireOwned(Kind::Image, *image, imageId);
     Call("DeleteImage", region, {{"ImageId", imageId}, {"Force", force ? "true" : "false"}});
+    WaitUntilGone(Kind::Image, region, imageId);
     regionOf_.erase(imageId);
 }

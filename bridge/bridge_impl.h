@@ -16,9 +16,11 @@
 //   CreateImageFromDiskSnapshots -> image Available  90 min (copying snapshot data)
 //   PowerOffInstance with waitUntilStopped -> Stopped 10 min
 //
-// Ownership tags on every disk, snapshot and image the bridge creates:
-//   hx:created-by = HXAliCloudSDKCppBridge, hx:proxy-instance = <proxy instance id, or
-//   "unknown" off ECS>, so that leftovers can be found by tag even without a registry.
+// Ownership tags (ownership.h) on every snapshot, disk, image and instance the bridge
+// creates, in the create request itself. Deleting a snapshot, disk or image that lacks this
+// proxy's ownership tags is refused (NotOwnedByThisProxy): a stray registry entry can never
+// make the bridge delete somebody else's object. A delete returns only once ECS no longer
+// lists the object, so a caller that unregisters on success never forgets a live one.
 //
 // Idempotence: CreateDisk, CreateSnapshot, CreateImage and CreateInstance carry one
 // ClientToken for all attempts of one call, so a repetition after a lost answer returns the
@@ -31,22 +33,21 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "AliCloudSDKCppBridge.h"
+#include "hxbridge/HostBridge.h"
 #include "api_client.h"
 #include "metadata_client.h"
+#include "ownership.h"
 #include "settings.h"
 #include "waiter.h"
 
 namespace hxbridge {
-
-inline constexpr const char* kCreatedByTagKey = "hx:created-by";
-inline constexpr const char* kCreatedByTagValue = "HXAliCloudSDKCppBridge";
-inline constexpr const char* kProxyTagKey = "hx:proxy-instance";
 
 // Everything the bridge takes from outside, injectable for tests.
 struct BridgeDependencies {
@@ -68,6 +69,8 @@ struct WaitBounds {
                              std::chrono::minutes(90)};
     PollSchedule stopInstance{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
                               std::chrono::minutes(10)};
+    PollSchedule deletion{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
+                          std::chrono::minutes(2)};
     WaitBounds Scaled(double scale) const;
 };
 
@@ -137,8 +140,27 @@ public:
                                       const std::string& description);
     void DeleteImage(const std::string& regionId, const std::string& imageId, bool force);
 
+    // Host operations (hxbridge/HostBridge.h); bridge_sweep.cpp.
+    std::vector<hxbridge::OwnedObject> ListOwned(const std::string& regionId);
+    void RemoveOwned(const std::vector<hxbridge::OwnedObject>& objects, hxbridge::RemovalReport& report);
+    void FinishRestore(const std::string& regionId, const std::string& instanceId);
+    std::vector<std::string> RegionIds();
+    hxbridge::ZoneOffer DescribeZoneOffer(const std::string& regionId, const std::string& zoneId);
+    void Ownership(const std::string& kind, const std::string& id, bool& exists, bool& owned);
+
 private:
     enum class Kind { Instance, Disk, Snapshot, Image };
+
+    // Sweep steps (bridge_sweep.cpp). Each records its outcome per object in `report`.
+    using Owned = std::vector<const hxbridge::OwnedObject*>;
+    bool StillOwned(Kind kind, const hxbridge::OwnedObject& o, json& current, hxbridge::RemovalReport& report);
+    void StopIncompleteInstances(const Owned& instances, hxbridge::RemovalReport& report);
+    void DetachOwnedDisks(const Owned& disks, const std::set<std::string>& releasable, hxbridge::RemovalReport& report,
+                          std::set<std::string>& failed);
+    // Removes the ownership tags from resources of one type ("disk", "instance").
+    void Untag(const std::string& regionId, const std::string& type, const std::vector<std::string>& ids);
+    void DeleteOwned(Kind kind, const Owned& objects, const std::set<std::string>& skip,
+                     hxbridge::RemovalReport& report);
 
     hxbridge::ApiClient& Api();
     json Call(const std::string& action, const std::string& regionId, hxbridge::Params params);
@@ -162,6 +184,8 @@ private:
 
     // Region of an object (see the header comment); throws NotFound.
     std::string RegionOf(Kind kind, const std::string& id);
+    // The object's region and description; an empty region and nullopt when no region knows it.
+    std::pair<std::string, std::optional<json>> Locate(Kind kind, const std::string& id);
     // `regionId` when given, else RegionOf.
     std::string RegionOr(const std::string& regionId, Kind kind, const std::string& id);
     void Remember(const std::string& id, const std::string& regionId);
@@ -174,7 +198,14 @@ private:
 
     std::optional<std::string> ProxyInstanceId(bool forceAsk);
     std::optional<std::string> ProxyRegion();
-    void AddOwnershipTags(hxbridge::Params& params, int firstIndex = 1);
+    // Adds the ownership tags from Tag.<first>; returns the next free tag index.
+    int AddOwnershipTags(hxbridge::Params& params, const std::string& role, bool incomplete = false, int first = 1);
+    // The proxy id the ownership tags name ("unknown" off ECS).
+    std::string OwnershipProxyId();
+    // Throws NotOwnedByThisProxy unless `item` carries this proxy's ownership tags.
+    void RequireOwned(Kind kind, const nlohmann::json& item, const std::string& id);
+    // Waits (bounded) until ECS no longer lists the object.
+    void WaitUntilGone(Kind kind, const std::string& regionId, const std::string& id);
     std::string ClientToken();
     std::string DefaultRegion();
 
@@ -192,4 +223,5 @@ private:
     std::optional<std::string> proxyId_;
     std::optional<std::string> proxyRegion_;
     std::chrono::steady_clock::time_point proxyNegativeUntil_{};
+    hxbridge::JobLabel job_;
 };

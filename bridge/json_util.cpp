@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "api_error.h"
+
 namespace hxbridge::jv {
 
 std::vector<json> WrappedList(const json& obj, const char* outer, const char* inner) {
@@ -12,6 +14,24 @@ std::vector<json> WrappedList(const json& obj, const char* outer, const char* in
     if (!o->is_object()) return {};
     auto i = o->find(inner);
     if (i == o->end() || !i->is_array()) return {};
+    return i->get<std::vector<json>>();
+}
+
+std::vector<json> RequiredList(const json& answer, const char* outer, const char* inner, const std::string& action) {
+    auto malformed = [&] {
+        return ApiError(ApiError::Kind::Malformed, "MalformedResponse",
+                        action + " answered without its " + outer + "." + inner + " list",
+                        answer.is_object() ? Str(answer, "RequestId") : std::string());
+    };
+    if (!answer.is_object()) throw malformed();
+    auto o = answer.find(outer);
+    if (o == answer.end()) throw malformed();
+    if (o->is_array()) return o->get<std::vector<json>>();
+    if (!o->is_object()) throw malformed();
+    auto i = o->find(inner);
+    // ECS leaves the inner key out of an empty list in some answers ({"Disks":{}}).
+    if (i == o->end() || i->is_null()) return {};
+    if (!i->is_array()) throw malformed();
     return i->get<std::vector<json>>();
 }
 

@@ -16,6 +16,11 @@ using nlohmann::json;
 // Missing or null parts give an empty list.
 std::vector<json> WrappedList(const json& obj, const char* outer, const char* inner);
 
+// The same list from a top-level answer that must carry it: a missing or mistyped wrapper
+// means the answer is not what ECS sends, so it throws ApiError(Malformed) naming `action`
+// instead of passing for "nothing found". An empty list ({"Disks":{"Disk":[]}}) is fine.
+std::vector<json> RequiredList(const json& answer, const char* outer, const char* inner, const std::string& action);
+
 // obj[key] as text: strings as they are, numbers and booleans printed, else `fallback`.
 std::string Str(const json& obj, const char* key, const std::string& fallback = {});
 

@@ -15,8 +15,12 @@
 // Where the details live (bridge/): the field mapping from ECS answers to the records in
 // mapping.h, the configuration document in config_document.h, the environment settings in
 // settings.h, waits, tags, region search and idempotence in bridge_impl.h.
-// Every disk, snapshot and image the bridge creates is tagged hx:created-by and
-// hx:proxy-instance so that leftovers can be found without a registry.
+// Every snapshot, disk, image and instance the bridge creates carries ownership tags in its
+// create request (creator, proxy, the host's job, role; a new instance is marked an
+// incomplete restore until the host finishes it), so leftovers can be found without a
+// registry. DeleteDisk, DeleteSnapshot and DeleteImage refuse (NotOwnedByThisProxy) an
+// object without this proxy's tags, succeed for an object that is already gone, and return
+// only once ECS no longer lists the object.
 #pragma once
 
 #include <memory>
@@ -106,7 +110,8 @@ public:
     bool PowerOffInstance(const std::string& instanceId, bool forceStop, bool waitUntilStopped, bool stopCharging);
     // Current ECS status text ("Running", "Stopped", ...).
     bool GetInstanceStatus(const std::string& instanceId, std::string& status);
-    // Releases the instance; ECS requires it to be Stopped (the bridge never forces).
+    // Releases the instance and waits until ECS no longer lists it; ECS requires it to be
+    // Stopped (the bridge never forces). The proxy itself is refused (RefusedProxyInstance).
     bool DeleteInstance(const std::string& instanceId);
     // The id of the ECS instance this process runs on, from the metadata service (hardened
     // token mode first, then plain). Off ECS: false and empty within about a second.
