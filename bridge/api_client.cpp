@@ -85,7 +85,8 @@ nlohmann::json ApiClient::CallOnce(const std::string& action, const std::string&
     try {
         response = transport_->Send(request);
     } catch (const TransportError& e) {
-        throw ApiError(ApiError::Kind::Network, "NetworkError", Redact(e.what()));
+        const char* code = e.permanent() ? kPermanentNetworkError : e.timedOut() ? kNetworkTimeout : "NetworkError";
+        throw ApiError(ApiError::Kind::Network, code, Redact(e.what()));
     }
     status = response.status;
     try {
@@ -100,6 +101,7 @@ nlohmann::json ApiClient::Call(const std::string& action, const std::string& reg
     if (!regionId.empty() && params.find("RegionId") == params.end()) params["RegionId"] = regionId;
     const auto started = std::chrono::steady_clock::now();
     bool outcomeUnknown = false;  // an earlier attempt may have been performed by the server
+    int timeouts = 0;             // attempts the peer accepted and never answered
     for (int attempt = 1;; ++attempt) {
         long status = 0;
         auto traceLine = [&](const std::string& requestId, const std::string& outcome) {
@@ -119,7 +121,10 @@ nlohmann::json ApiClient::Call(const std::string& action, const std::string& reg
             return body;
         } catch (ApiError& e) {
             traceLine(e.requestId(), e.code());
-            const bool retry = RetryPolicy::IsRetryable(e) && attempt < options_.retry.maxAttempts;
+            if (e.code() == kNetworkTimeout) ++timeouts;
+            // A peer that stalls twice is not going to answer: each stall costs the whole
+            // stall timeout, so a third attempt would only hold the job longer.
+            const bool retry = RetryPolicy::IsRetryable(e) && attempt < options_.retry.maxAttempts && timeouts < 2;
             if (!retry) {
                 e.setMayHaveSucceeded(outcomeUnknown);
                 throw;

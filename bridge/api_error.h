@@ -6,6 +6,11 @@
 
 namespace hxbridge {
 
+// Codes of network failures (Kind::Network): a certificate or size refusal that another
+// attempt cannot change, and a peer that accepted but never answered.
+inline constexpr const char* kPermanentNetworkError = "NetworkError.Permanent";
+inline constexpr const char* kNetworkTimeout = "NetworkError.Timeout";
+
 class ApiError : public std::runtime_error {
 public:
     enum class Kind {

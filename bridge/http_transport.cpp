@@ -15,9 +15,36 @@ void GlobalInitOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
+struct BodySink {
+    std::string* body;
+    std::size_t limit;
+    bool overflow = false;
+};
+
 size_t OnBody(char* data, size_t size, size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
+    auto* sink = static_cast<BodySink*>(user);
+    if (sink->body->size() + size * count > sink->limit) {
+        sink->overflow = true;
+        return 0;  // libcurl stops with CURLE_WRITE_ERROR
+    }
+    sink->body->append(data, size * count);
     return size * count;
+}
+
+// Failures that a repetition cannot change: the peer's certificate or our trust store.
+bool IsPermanent(CURLcode rc) {
+    switch (rc) {
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_URL_MALFORMAT:
+            return true;
+        default:
+            return false;
+    }
 }
 
 size_t OnHeader(char* data, size_t size, size_t count, void* user) {
@@ -70,6 +97,8 @@ HttpResponse CurlTransport::Send(const HttpRequest& request) {
     if (!options_.caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, options_.caFile.c_str());
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(options_.connectTimeout.count()));
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.totalTimeout.count()));
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(options_.stallTimeout.count()));
     curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(curl, CURLOPT_USERAGENT, options_.userAgent.c_str());
     curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");  // any encoding libcurl can decode
@@ -99,17 +128,23 @@ HttpResponse CurlTransport::Send(const HttpRequest& request) {
     headerList = curl_slist_append(headerList, "Expect:");  // no 100-continue round trip
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headerList);
 
+    BodySink sink{&response.body, options_.maxBodyBytes};
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, OnBody);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response.body);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, OnHeader);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.headers);
 
     const CURLcode rc = curl_easy_perform(curl);
     curl_slist_free_all(headerList);
     if (rc != CURLE_OK) {
+        if (sink.overflow) {
+            throw TransportError("the response from " + request.url + " exceeds " +
+                                     std::to_string(options_.maxBodyBytes >> 20) + " MiB; refused",
+                                 true);
+        }
         std::string detail = errorBuffer[0] != '\0' ? errorBuffer : curl_easy_strerror(rc);
         if (!detail.empty() && detail.back() == '\n') detail.pop_back();
-        throw TransportError(detail);
+        throw TransportError(detail, IsPermanent(rc), rc == CURLE_OPERATION_TIMEDOUT);
     }
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
     return response;

@@ -29,9 +29,19 @@ struct HttpResponse {
 // The request did not produce an HTTP response: connection refused or reset, DNS failure,
 // TLS failure, timeout. Whether the server acted on the request is unknown. The message
 // names the failure and never carries the request's body.
+// `permanent` marks failures that another attempt cannot mend (a certificate the system
+// does not trust, a response over the size cap): retrying them only delays the message.
 class TransportError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit TransportError(const std::string& what, bool permanent = false, bool timedOut = false)
+        : std::runtime_error(what), permanent_(permanent), timedOut_(timedOut) {}
+    bool permanent() const { return permanent_; }
+    // The peer accepted but did not answer in time (a stalled or overloaded endpoint).
+    bool timedOut() const { return timedOut_; }
+
+private:
+    bool permanent_;
+    bool timedOut_;
 };
 
 class HttpTransport {
@@ -44,6 +54,12 @@ public:
 struct TransportOptions {
     std::chrono::milliseconds connectTimeout{5000};
     std::chrono::milliseconds totalTimeout{60000};
+    // A peer that accepts and then sends nothing for this long is given up on (no ECS answer
+    // takes that long to start), instead of holding the caller for the whole totalTimeout.
+    std::chrono::seconds stallTimeout{20};
+    // Largest response body accepted; ECS answers are kilobytes, a page of 100 disks well
+    // under one MiB. A larger body is refused rather than held in memory.
+    std::size_t maxBodyBytes = 16u << 20;
     // Proxies: libcurl honours https_proxy/HTTPS_PROXY, http_proxy and NO_PROXY from the
     // environment. `bypassProxy` ignores them (for the link-local metadata service).
     bool bypassProxy = false;

@@ -8,7 +8,7 @@ namespace hxbridge {
 bool RetryPolicy::IsRetryable(const ApiError& error) {
     switch (error.kind()) {
         case ApiError::Kind::Network:
-            return true;
+            return error.code() != kPermanentNetworkError;
         case ApiError::Kind::Service:
             break;
         default:

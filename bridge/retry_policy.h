@@ -18,7 +18,8 @@ struct RetryPolicy {
     // Whether the error is worth another attempt: throttling (Throttling*,
     // Rejected.Throttling), ServiceUnavailable, InternalError and any other 5xx,
     // SignatureNonceUsed (a new attempt gets a new nonce), too many parallel attaches, and
-    // every network error (the caller makes creating calls idempotent with a ClientToken).
+    // every network error but a permanent one (certificate, size cap; the caller makes creating
+    // calls idempotent with a ClientToken). ApiClient also stops after two stalled attempts.
     static bool IsRetryable(const ApiError& error);
 
     // Back-off before attempt `retry` + 1 (retry = 1 for the first repetition): exponential
