@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 
 #include "FxUtil.h"
+#include "hxruntime/HostApi.h"
 
 namespace hxruntime::detail {
 
@@ -87,3 +89,32 @@ bool IsProcessRunning(const ProcessIdentity& owner) {
 }
 
 }  // namespace hxruntime::detail
+
+// ---- host API: process tags ----
+
+namespace hxruntime {
+
+std::string CurrentProcessTag() {
+    const detail::ProcessIdentity me = detail::CurrentProcess();
+    return std::to_string(me.pid) + "." + std::to_string(me.startTicks) + "." + me.bootId;
+}
+
+bool IsProcessTagRunning(const std::string& tag) {
+    detail::ProcessIdentity owner;
+    const auto first = tag.find('.');
+    const auto second = first == std::string::npos ? std::string::npos : tag.find('.', first + 1);
+    if (second == std::string::npos) return false;
+    try {
+        size_t used = 0;
+        owner.pid = std::stol(tag.substr(0, first), &used);
+        if (used != first || owner.pid <= 0) return false;
+        owner.startTicks = std::stoull(tag.substr(first + 1, second - first - 1), &used);
+        if (used != second - first - 1) return false;
+    } catch (...) {
+        return false;
+    }
+    owner.bootId = tag.substr(second + 1);
+    return detail::IsProcessRunning(owner);
+}
+
+}  // namespace hxruntime

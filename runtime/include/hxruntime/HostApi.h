@@ -72,6 +72,14 @@ void RaiseCancel();
 void ClearCancel();
 bool IsCancelRaised();
 
+// ---- Process identity ----
+// A text naming the calling process for as long as it runs, "<pid>.<start ticks>.<boot id>"
+// (a pid alone is reused; see ProcessIdentity.h). Hosts tag what a job creates with it.
+std::string CurrentProcessTag();
+// Whether the process a tag of CurrentProcessTag names is still running on this machine.
+// False for a malformed tag, a finished process, a reused pid or a tag of an earlier boot.
+bool IsProcessTagRunning(const std::string& tag);
+
 // ---- Time ----
 // Factor applied to FXThread::Sleep and ZUSLEEP: 1 = real time, 0.001 = a 20 s wait takes
 // 20 ms, 0 = sleeps return at once. False (unchanged) outside 0..1000 or for NaN.
