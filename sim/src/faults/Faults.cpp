@@ -57,7 +57,13 @@ std::string Faults::Add(const json& body) {
         rule.latencyMs = r.at("latencyMs").get<int64_t>();
         ++kinds;
       }
-      if (kinds != 1) return "each rule needs exactly one of failNext, rate, forMs, dropNext, latencyMs";
+      if (r.contains("failAfter")) {
+        rule.kind = "failAfter";
+        rule.trigger = r.at("failAfter").get<std::string>();
+        if (rule.trigger.empty() || rule.action == "*") return "failAfter needs an action and a trigger action";
+        ++kinds;
+      }
+      if (kinds != 1) return "each rule needs exactly one of failNext, rate, forMs, dropNext, latencyMs, failAfter";
       added.push_back(rule);
     }
     std::lock_guard lock(mutex_);
@@ -82,6 +88,7 @@ json Faults::Describe() const {
   for (const auto& r : rules_) {
     json j = {{"action", r.action}, {"kind", r.kind}};
     if (r.kind == "failNext" || r.kind == "dropNext") j["remaining"] = r.remaining;
+    if (r.kind == "failAfter") j["failAfter"] = r.trigger, j["armed"] = r.remaining;
     if (r.kind == "rate") j["rate"] = r.rate;
     if (r.kind == "latencyMs") j["latencyMs"] = r.latencyMs;
     if (r.kind != "dropNext" && r.kind != "latencyMs") j["code"] = r.code;
@@ -95,6 +102,7 @@ Decision Faults::Decide(const std::string& action) {
   Decision decision;
   const auto now = std::chrono::steady_clock::now();
   for (auto& r : rules_) {
+    if (r.kind == "failAfter" && r.trigger == action) ++r.remaining;  // arms the next call of r.action
     if (r.action != "*" && r.action != action) continue;
     if (r.kind == "latencyMs") {
       decision.latency += std::chrono::milliseconds(r.latencyMs);
@@ -105,7 +113,7 @@ Decision Faults::Decide(const std::string& action) {
       }
     } else if (decision.error || decision.drop) {
       continue;  // one failure per call; later rules keep their counters
-    } else if (r.kind == "failNext" && r.remaining > 0) {
+    } else if ((r.kind == "failNext" || r.kind == "failAfter") && r.remaining > 0) {
       --r.remaining;
       decision.error = MakeError(r.code, r.status, r.message);
     } else if (r.kind == "forMs" && now < r.until) {

@@ -6,6 +6,9 @@
 //   {"action":"DescribeDisks","forMs":500,"code":"Throttling.User"} fail every call for 500 ms
 //   {"action":"CreateDisk","dropNext":1}   perform the call, then drop the response
 //   {"action":"*","latencyMs":200}          delay every answer by 200 ms (real time)
+//   {"action":"DescribeDisks","failAfter":"CreateDisk","code":"Forbidden.RAM"}
+//                                           after every CreateDisk, fail the next DescribeDisks
+//                                           once (a failed status poll inside each wait)
 // Optional per rule: "status" (HTTP status; default from the code) and "message".
 // A body may also carry "seed" (reseeds the RNG) and "stallSnapshots": N (the next N
 // snapshots stay progressing forever).
@@ -57,8 +60,9 @@ class Faults {
  private:
   struct Rule {
     std::string action;
-    std::string kind;  // failNext | rate | forMs | dropNext | latencyMs
-    int64_t remaining = 0;
+    std::string kind;  // failNext | rate | forMs | dropNext | latencyMs | failAfter
+    std::string trigger;  // failAfter: the action whose calls arm this rule
+    int64_t remaining = 0;  // failNext/dropNext: calls left; failAfter: failures armed
     double rate = 0;
     std::chrono::steady_clock::time_point until{};
     int64_t latencyMs = 0;
