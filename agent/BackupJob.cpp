@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "DataMover.h"
+#include "OwnershipSweep.h"
 #include "hxruntime/HostApi.h"
 
 namespace hxagent {
@@ -105,6 +106,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
 
     SVMInfo instance;
     if (!ResolveInstance(vm, request.instance, instance, out.failure)) return out;
+    SweepBeforeJob(context, progress, out.warnings);
 
     std::string error, work;
     if (!context.MakeWorkFolder("backup", work, error)) {
@@ -117,6 +119,8 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
         out.failure = LocalFailure(error);
         return out;
     }
+
+    context.record().SetBackupFolder(folder);  // a killed job's partial folder is found by cleanup
 
     MountCtx ctx;  // one object for the whole job: the plug-in writes into it
     ctx.vmName = instance.name;
@@ -258,6 +262,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
         if (ok) out.warnings.push_back(text);
         else out.failure.details += (out.failure.details.empty() ? "" : "; ") + text;
     }
+    SweepAfterJob(context, jobIdOffset, progress, out.warnings);
     m.unmountSeconds = Since(unmountStarted);
     std::error_code ec;
     fs::remove_all(work, ec);
@@ -271,9 +276,12 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
         fs::remove_all(folder, ec);
         std::error_code ignore;
         fs::remove(fs::path(folder).parent_path(), ignore);  // only when empty
+        context.record().SetBackupFolder("");
+        for (const auto& w : out.warnings) out.failure.details += (out.failure.details.empty() ? "" : "; ") + w;
         context.KeepState();
         return out;
     }
+    context.record().SetBackupFolder("");
     out.ok = true;
     out.folder = folder;
     return out;

@@ -3,10 +3,16 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include <sys/stat.h>
+
+#include <fstream>
+
 #include "BackupJob.h"
+#include "EvDebug.h"
 #include "CleanupJob.h"
 #include "DemoCommand.h"
 #include "InventoryCommands.h"
+#include "Preflight.h"
 #include "RestoreJob.h"
 #include "Signals.h"
 #include "SimCommand.h"
@@ -17,6 +23,8 @@ namespace {
 
 int Fail(const JobFailure& f, AgentContext* context, bool json) {
     std::string line = FormatFailure(f);
+    // The job log keeps the cause too, for whoever reads it after the terminal is gone.
+    if (context) EvDebug::Write(EvLogKind::Error, 0, "hxagent", line);
     if (context) {
         context->KeepState();  // the log named below must outlive a temporary state folder
         std::string log = context->LogHint();
@@ -50,9 +58,75 @@ int Inventory(const GlobalOptions& g, const std::function<InventoryOutcome(Agent
     return kExitOk;
 }
 
+std::string ReadFile(const std::string& path, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = "cannot read " + path;
+        return {};
+    }
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void PrintPlan(const RestorePlan& plan, bool json) {
+    if (json) {
+        std::cout << nlohmann::json{{"ok", true},
+                                    {"dryRun", true},
+                                    {"plan",
+                                     {{"region", plan.regionId},
+                                      {"zone", plan.zoneId},
+                                      {"instanceType", plan.instanceType},
+                                      {"name", plan.name},
+                                      {"proxyId", plan.proxyId},
+                                      {"replaces", plan.replaces},
+                                      {"steps", plan.Lines()}}}}
+                         .dump(2)
+                  << std::endl;
+        return;
+    }
+    std::cout << "Dry run: the restore would\n";
+    for (const auto& line : plan.Lines()) std::cout << "  - " << line << "\n";
+    std::cout << "Nothing was changed.\n";
+}
+
+// `restore`: every check that can refuse comes first (name, backup, cloud), then the
+// checksums, then the job; nothing in the cloud changes before the job.
+int RestoreCommand(GlobalOptions g, const RestoreRequest& request, bool dryRun) {
+    Progress progress(DetectOutputStyle(g.json));
+    const std::string why = CheckInstanceName(request.name);
+    if (!why.empty())
+        return Fail(LocalFailure("restore refused: --name '" + request.name + "' " + why, kExitUsage), nullptr, g.json);
+    Manifest manifest;
+    std::string error;
+    if (!ReadManifest(request.backupFolder, manifest, error))
+        return Fail(LocalFailure("restore refused: " + error), nullptr, g.json);
+    const std::string configText = ReadFile(request.backupFolder + "/" + manifest.configFile, error);
+    if (!error.empty()) return Fail(LocalFailure("restore refused: " + error), nullptr, g.json);
+    int status = kExitOk;
+    g.command = "restore";
+    auto context = OpenContext(g, progress, status);
+    if (!context) return status;
+    RestorePlan plan;
+    JobFailure failure;
+    if (!PreflightRestoreJob(*context, manifest, configText, request, plan, failure))
+        return Fail(failure, context.get(), g.json);
+    if (dryRun) {
+        PrintPlan(plan, g.json);
+        return kExitOk;
+    }
+    if (!VerifyBackup(request.backupFolder, manifest, progress, error))
+        return Fail(LocalFailure("restore refused: " + error), context.get(), g.json);
+    RestoreOutcome out = RunRestore(*context, manifest, request, progress);
+    if (!out.ok) return Fail(out.failure, context.get(), g.json);
+    if (g.json) std::cout << RestoreOutcomeJson(out).dump(2) << std::endl;
+    else PrintRestoreOutcome(out);
+    return kExitOk;
+}
+
 }  // namespace
 
 int RunCli(int argc, char** argv) {
+    // Backups, logs and the state folder are the operator's alone, whatever umask we inherit.
+    ::umask(077);
     CLI::App app{
         "hxagent: backs up and restores Alibaba Cloud ECS instances through the ECS plug-in.\n"
         "With no ALIBABA_CLOUD_ECS_ENDPOINT and no credentials configured, every command runs against a\n"
@@ -118,11 +192,14 @@ int RunCli(int argc, char** argv) {
     restore->add_option("--instance-type", restoreReq.instanceType, "Instance type instead of the backed-up one");
     restore->add_flag("--power-on", restoreReq.powerOn, "Start the instance once restored");
     restore->add_flag("--overwrite", restoreReq.overwrite, "Replace an existing instance of the same name");
+    bool restoreDryRun = false;
+    restore->add_flag("--dry-run", restoreDryRun,
+                      "Check everything and print what the restore would create, stop and delete; change nothing");
 
     // ---- cleanup ----
     bool dryRun = false;
     auto* cleanup = app.add_subcommand("cleanup", "Remove what interrupted jobs of this proxy left in the cloud");
-    cleanup->add_flag("--dry-run", dryRun, "Only list the interrupted jobs");
+    cleanup->add_flag("--dry-run", dryRun, "Only list what would be removed");
 
     // ---- emulator ----
     SimRequestOptions simOpt;
@@ -150,6 +227,7 @@ int RunCli(int argc, char** argv) {
     if (*types) return Inventory(g, [&](AgentContext& c) { return RunTypes(c, typesHost); });
 
     if (*backup) {
+        g.command = "backup";
         Progress progress(DetectOutputStyle(g.json));
         int status = kExitOk;
         auto context = OpenContext(g, progress, status);
@@ -160,24 +238,9 @@ int RunCli(int argc, char** argv) {
         else PrintBackupOutcome(out);
         return kExitOk;
     }
-    if (*restore) {
-        Progress progress(DetectOutputStyle(g.json));
-        // The backup is checked before anything touches the cloud.
-        Manifest manifest;
-        std::string error;
-        if (!ReadManifest(restoreReq.backupFolder, manifest, error) ||
-            !VerifyBackup(restoreReq.backupFolder, manifest, progress, error))
-            return Fail(LocalFailure("restore refused: " + error), nullptr, g.json);
-        int status = kExitOk;
-        auto context = OpenContext(g, progress, status);
-        if (!context) return status;
-        RestoreOutcome out = RunRestore(*context, manifest, restoreReq, progress);
-        if (!out.ok) return Fail(out.failure, context.get(), g.json);
-        if (g.json) std::cout << RestoreOutcomeJson(out).dump(2) << std::endl;
-        else PrintRestoreOutcome(out);
-        return kExitOk;
-    }
+    if (*restore) return RestoreCommand(g, restoreReq, restoreDryRun);
     if (*cleanup) {
+        g.command = "cleanup";
         Progress progress(DetectOutputStyle(g.json));
         int status = kExitOk;
         auto context = OpenContext(g, progress, status);

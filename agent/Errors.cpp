@@ -39,9 +39,12 @@ std::string HintFor(std::uint32_t code) {
 
 std::string FormatFailure(const JobFailure& f) {
     std::string line = f.message;
+    // An operation that failed without a code says nothing by "error 0 (No error)": the
+    // details carry the cause then.
     if (!f.operation.empty()) {
-        line += " in " + f.operation + ": error " + std::to_string(f.code) + " (" +
-                EVMInfoErrorText(static_cast<EVMInfoError>(f.code)) + ")";
+        line += " in " + f.operation;
+        if (f.code != 0)
+            line += ": error " + std::to_string(f.code) + " (" + EVMInfoErrorText(static_cast<EVMInfoError>(f.code)) + ")";
     }
     if (!f.details.empty()) line += (f.operation.empty() ? ": " : ": ") + f.details;
     std::string hint = f.operation.empty() ? std::string() : HintFor(f.code);

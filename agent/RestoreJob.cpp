@@ -1,10 +1,13 @@
 #include "RestoreJob.h"
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 #include <filesystem>
 #include <iostream>
 
 #include "DataMover.h"
+#include "OwnershipSweep.h"
 #include "hxruntime/HostApi.h"
 
 namespace hxagent {
@@ -14,6 +17,58 @@ using nlohmann::json;
 
 namespace {
 bool Cancelled() { return hxruntime::IsCancelRaised(); }
+
+// The plug-in deletes a data disk whose attach to the new instance failed and still
+// reports success; the instance as the cloud describes it tells. Returns the lost disks.
+std::vector<std::string> LostDataDisks(hxbridge::HostBridge& cloud, const std::string& instanceId,
+                                       const std::vector<RestoredDisk>& disks, std::string& error) {
+    VMInfoStructs::SVMInfo instance;
+    if (!cloud.DescribeInstance(instanceId, instance)) {
+        error = "cannot describe the restored instance " + instanceId + ": " + cloud.LastError();
+        return {};
+    }
+    std::vector<std::string> lost;
+    for (const auto& d : disks) {
+        if (d.isOSDisk) continue;
+        const bool attached = std::any_of(instance.disks.begin(), instance.disks.end(),
+                                          [&](const auto& have) { return have.diskId == d.newId; });
+        if (!attached) lost.push_back(d.sourceId + " (restored as " + d.newId + ")");
+    }
+    return lost;
+}
+
+// After the plug-in's last step: the data disks are checked, then the instance stops being
+// an "incomplete restore" for the ownership sweep. True once it is marked complete (the
+// instance is the user's from then on, also when a data disk was lost).
+bool FinishRestoredInstance(AgentContext& context, const RestoreCtx& ctx, RestoreOutcome& out,
+                            const std::function<void(JobFailure)>& fail) {
+    JobFailure failure;
+    hxbridge::HostBridge* cloud = context.Cloud(failure);
+    if (!cloud) {
+        fail(failure);
+        return false;
+    }
+    std::string error;
+    const std::vector<std::string> lost = LostDataDisks(*cloud, ctx.vmInfo.guid, out.disks, error);
+    if (!error.empty()) {
+        fail(LocalFailure(error, kExitPluginFailed));
+        return false;
+    }
+    if (!cloud->FinishRestore(ctx.regionName, ctx.vmInfo.guid)) {
+        fail(LocalFailure("the restored instance " + ctx.vmInfo.guid + " could not be marked complete (" +
+                              cloud->LastError() + "); it is removed as an unfinished restore",
+                          kExitPluginFailed));
+        return false;
+    }
+    if (!lost.empty()) {
+        std::string list;
+        for (const auto& l : lost) list += (list.empty() ? "" : ", ") + l;
+        fail(LocalFailure("the restored instance " + ctx.vmInfo.guid + " lacks data disk(s) " + list +
+                              ": their attach failed and the plug-in deleted them",
+                          kExitPluginFailed));
+    }
+    return true;
+}
 }  // namespace
 
 bool VerifyBackup(const std::string& folder, const Manifest& m, Progress& progress, std::string& error) {
@@ -87,6 +142,7 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
     auto session = context.OpenPlugin(out.failure, jobIdOffset);
     if (!session) return out;
     CVMInfo& vm = session->vm();
+    SweepBeforeJob(context, progress, out.warnings);
 
     std::string error, work;
     if (!context.MakeWorkFolder("restore", work, error)) {
@@ -167,17 +223,21 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
                                       : "Removing temporary objects...");
         if (vm.PostRestoreVM(ctx) != 1) fail(PluginFailure(vm, "PostRestoreVM", what + " failed"));
     }
+    const bool finished = ok && FinishRestoredInstance(context, ctx, out, fail);
     if (!ok) {
         if (hxruntime::IsCancelRaised()) progress.Note("Cancelled; removing what the restore created...");
         else progress.Step("Removing what the restore created...");
         hxruntime::ClearCancel();
         // Without a temporary id nothing was registered, so nothing was created either.
-        if (!ctx.tempVMId.empty() && vm.CleanupRestoreVM(ctx) != 1)
+        if (!finished && !ctx.tempVMId.empty() && vm.CleanupRestoreVM(ctx) != 1)
             out.failure.details += std::string(out.failure.details.empty() ? "" : "; ") +
                                    "CleanupRestoreVM failed too (error " + std::to_string(vm.GetLastVMError()) +
                                    "); run 'hxagent cleanup'";
         context.KeepState();
     }
+    SweepAfterJob(context, jobIdOffset, progress, out.warnings);
+    if (!ok)
+        for (const auto& w : out.warnings) out.failure.details += (out.failure.details.empty() ? "" : "; ") + w;
     fs::remove_all(work, ec);
     out.instanceId = ctx.vmInfo.guid;
     out.tempVMId = ctx.tempVMId;

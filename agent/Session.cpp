@@ -15,6 +15,8 @@ namespace hxagent {
 namespace fs = std::filesystem;
 
 namespace {
+// The state folder holds the cleaner store, logs and job records: owner-only, whatever
+// the umask said when it was made, and also when an earlier version made it wider.
 bool MakeDirs(const std::string& path, std::string& error) {
     std::error_code ec;
     fs::create_directories(path, ec);
@@ -22,7 +24,19 @@ bool MakeDirs(const std::string& path, std::string& error) {
         error = "cannot create " + path + ": " + ec.message();
         return false;
     }
+    ::chmod(path.c_str(), 0700);
     return true;
+}
+
+// A failed command on the built-in emulator keeps its log and nothing else (the emulator's
+// disk files are tens of MiB and describe a world that is gone).
+void KeepOnlyLogs(const std::string& stateDir) {
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(stateDir, ec)) {
+        if (entry.path().filename() == "logs") continue;
+        std::error_code ignored;
+        fs::remove_all(entry.path(), ignored);
+    }
 }
 }  // namespace
 
@@ -30,11 +44,12 @@ std::unique_ptr<AgentContext> AgentContext::Create(const GlobalOptions& options,
                                                    Progress& progress, JobFailure& failure) {
     std::unique_ptr<AgentContext> ctx(new AgentContext());
     ctx->options_ = options;
-    ctx->jobId_ = options.jobId > 0
-                      ? options.jobId
-                      : static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
-                                                   std::chrono::system_clock::now().time_since_epoch())
-                                                   .count());
+    ctx->ownerTag_ = hxruntime::CurrentProcessTag();
+    const long long wantedJobId =
+        options.jobId > 0 ? options.jobId
+                          : static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
+                                                       std::chrono::system_clock::now().time_since_epoch())
+                                                       .count());
     const EnvLookup env = ProcessEnvironment();
     const bool embedded = forceEmbedded || options.embedded ||
                           (env("ALIBABA_CLOUD_ECS_ENDPOINT").empty() && !ResolveCredentials(env, options.profile).credentials &&
@@ -62,6 +77,14 @@ std::unique_ptr<AgentContext> AgentContext::Create(const GlobalOptions& options,
             return nullptr;
         }
     }
+
+    // The job id is claimed in the state folder: two jobs of one second get two ids.
+    ctx->record_ = JobRecord::Claim(ctx->stateDir_, wantedJobId, options.command, error);
+    if (!ctx->record_) {
+        failure = LocalFailure(error);
+        return nullptr;
+    }
+    ctx->jobId_ = ctx->record_->id();
 
     CloudRequest request;
     request.forceEmbedded = forceEmbedded || options.embedded;
@@ -98,13 +121,47 @@ std::unique_ptr<AgentContext> AgentContext::Create(const GlobalOptions& options,
 }
 
 AgentContext::~AgentContext() {
+    cloud_.reset();
+    record_.reset();
     if (target_.emulator) target_.emulator->Stop();
     target_.emulator.reset();
     hxruntime::CloseLog();
-    if (temporaryState_ && !keepState_) {
+    if (temporaryState_) {
         std::error_code ec;
-        fs::remove_all(stateDir_, ec);
+        if (!keepState_) fs::remove_all(stateDir_, ec);
+        else KeepOnlyLogs(stateDir_);
     }
+}
+
+hxbridge::HostBridge* AgentContext::Cloud(JobFailure& failure) {
+    if (cloud_) return cloud_.get();
+    auto cloud = std::make_unique<hxbridge::HostBridge>();
+    const auto& c = target_.credentials;
+    if (!cloud->Connect(c.accessKeyId, c.accessKeySecret)) {
+        failure = LocalFailure("cannot connect to " + target_.Describe() + ": " + cloud->LastError(),
+                               kExitPluginFailed);
+        return nullptr;
+    }
+    cloud_ = std::move(cloud);
+    return cloud_.get();
+}
+
+bool AgentContext::Proxy(VMInfoStructs::SVMInfo& out, JobFailure& failure) {
+    if (proxy_) {
+        out = *proxy_;
+        return true;
+    }
+    hxbridge::HostBridge* cloud = Cloud(failure);
+    if (!cloud) return false;
+    std::string id;
+    VMInfoStructs::SVMInfo proxy;
+    if (!cloud->ProxyInstanceId(id) || !cloud->DescribeInstance(id, proxy)) {
+        failure = LocalFailure("cannot tell which proxy this is: " + cloud->LastError(), kExitPluginFailed);
+        return false;
+    }
+    proxy_ = proxy;
+    out = proxy;
+    return true;
 }
 
 std::string AgentContext::EmulatorEndpoint() const {
@@ -117,8 +174,8 @@ std::string AgentContext::LogHint() const {
 }
 
 bool AgentContext::MakeWorkFolder(const std::string& prefix, std::string& path, std::string& error) {
-    std::string parent = stateDir_ + "/jobs";
-    if (!MakeDirs(parent, error)) return false;
+    std::string parent;
+    if (!record_->WorkFolder(parent, error)) return false;
     std::string tmpl = parent + "/" + prefix + "-XXXXXX";
     if (::mkdtemp(tmpl.data()) == nullptr) {
         error = "cannot create a work folder in " + parent;
@@ -131,6 +188,11 @@ bool AgentContext::MakeWorkFolder(const std::string& prefix, std::string& path, 
 std::unique_ptr<PluginSession> AgentContext::OpenPlugin(JobFailure& failure, long long jobIdOffset) {
     hxruntime::SetJobId(jobId_ + jobIdOffset);
     hxruntime::ClearCancel();
+    if (!Cloud(failure)) return nullptr;
+    // Read by the bridge when the plug-in connects: every object it creates for this job
+    // carries them (bridge/ownership.h).
+    ::setenv("ALIBABA_CLOUD_BRIDGE_JOB", JobTag(jobIdOffset).c_str(), 1);
+    ::setenv("ALIBABA_CLOUD_BRIDGE_JOB_OWNER", ownerTag_.c_str(), 1);
     std::string error;
     const std::string path = options_.pluginPath.empty() ? DefaultPluginPath() : options_.pluginPath;
     auto plugin = LoadedPlugin::Load(path, VSI_TYPE_ALIBABA_CLOUD_ECS, error);

@@ -9,8 +9,10 @@
 
 #include "CloudTarget.h"
 #include "Errors.h"
+#include "JobRecords.h"
 #include "PluginLoader.h"
 #include "Progress.h"
+#include "hxbridge/HostBridge.h"
 
 namespace hxagent {
 
@@ -28,6 +30,7 @@ struct GlobalOptions {
     std::string scenario;
     std::string deviceRoot;
     std::string profile;
+    std::string command;  // the subcommand, recorded with the job
 };
 
 class PluginSession;
@@ -42,11 +45,26 @@ public:
     AgentContext(const AgentContext&) = delete;
     AgentContext& operator=(const AgentContext&) = delete;
 
-    // Loads the plug-in, Init, Connect; the job id selects the log file. Null with `failure`.
+    // Loads the plug-in, Init, Connect; the job id selects the log file. Before that it
+    // connects the host's own bridge (Cloud), so that a connection failure names its cause,
+    // and announces the job to the bridge for its ownership tags. Null with `failure`.
     std::unique_ptr<PluginSession> OpenPlugin(JobFailure& failure, long long jobIdOffset = 0);
 
-    // A private folder for one job (<state>/jobs/<prefix>-XXXXXX), created 0700.
+    // A private folder for one job step (<state>/jobs/<job id>.work/<prefix>-XXXXXX), 0700.
+    // A killed job's folders are removed by `cleanup` (ReapKilledJobs).
     bool MakeWorkFolder(const std::string& prefix, std::string& path, std::string& error);
+    // The job's record (backup folder in progress).
+    JobRecord& record() { return *record_; }
+
+    // The host's connection to the cloud (ownership sweep, pre-flight), made on first use;
+    // null with `failure` naming the cause (API code and RequestId, or the transport error).
+    hxbridge::HostBridge* Cloud(JobFailure& failure);
+    // The proxy (this machine's instance) as the cloud describes it, read once.
+    bool Proxy(VMInfoStructs::SVMInfo& out, JobFailure& failure);
+    // The job label the ownership tags carry: the job id (with the offset of the job step)
+    // and this process's tag.
+    std::string JobTag(long long jobIdOffset = 0) const { return std::to_string(jobId_ + jobIdOffset); }
+    const std::string& OwnerTag() const { return ownerTag_; }
 
     CloudTarget& target() { return target_; }
     const std::string& stateDir() const { return stateDir_; }
@@ -66,6 +84,10 @@ private:
     bool temporaryState_ = false;
     bool keepState_ = false;
     long long jobId_ = 0;
+    std::unique_ptr<JobRecord> record_;
+    std::unique_ptr<hxbridge::HostBridge> cloud_;
+    std::optional<VMInfoStructs::SVMInfo> proxy_;
+    std::string ownerTag_;
 };
 
 class PluginSession {
