@@ -62,6 +62,23 @@ struct Fixture {
     }
 };
 
+// A list answer without its list is not "nothing found": the caller would read a live
+// object as gone.
+TEST(RequiredList, AMissingListIsMalformedAndAnEmptyOneIsEmpty) {
+    EXPECT_TRUE(jv::RequiredList(nlohmann::json::parse(R"({"Disks":{"Disk":[]}})"), "Disks", "Disk", "DescribeDisks").empty());
+    EXPECT_TRUE(jv::RequiredList(nlohmann::json::parse(R"({"Disks":{}})"), "Disks", "Disk", "DescribeDisks").empty());
+    EXPECT_EQ(jv::RequiredList(nlohmann::json::parse(R"({"Disks":{"Disk":[{"DiskId":"d-1"}]}})"), "Disks", "Disk", "X").size(), 1u);
+    for (const char* body : {R"({"RequestId":"R-9"})", R"({"Disks":"none"})", R"({"Disks":{"Disk":{}}})"}) {
+        try {
+            jv::RequiredList(nlohmann::json::parse(body), "Disks", "Disk", "DescribeDisks");
+            FAIL() << body;
+        } catch (const ApiError& e) {
+            EXPECT_EQ(e.kind(), ApiError::Kind::Malformed) << body;
+            EXPECT_NE(e.message().find("DescribeDisks"), std::string::npos) << e.message();
+        }
+    }
+}
+
 // The documented success and error samples.
 TEST(ParseResponse, ReadsDocumentedSuccessAndErrorBodies) {
     const auto ok = ParseResponse(Http(

@@ -76,6 +76,40 @@ TEST(CurlTransport, TotalTimeoutBoundsASlowServer) {
     EXPECT_LT(steady_clock::now() - start, milliseconds(700));
 }
 
+// A peer that accepts and then says nothing is given up on after the stall timeout, not
+// the whole total timeout; a body over the cap is refused as a permanent failure.
+TEST(CurlTransport, StalledPeersAndOversizedBodiesFailFastAndSayWhy) {
+    LoopbackServer server;
+    server->Get("/stall", [](const httplib::Request&, httplib::Response& res) {
+        std::this_thread::sleep_for(milliseconds(2500));
+        res.set_content("late", "text/plain");
+    });
+    server->Get("/big", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(std::string(3u << 20, 'x'), "application/json");
+    });
+    server.Start();
+    TransportOptions o;
+    o.stallTimeout = seconds(1);
+    o.maxBodyBytes = 1u << 20;
+    CurlTransport t(o);
+    const auto start = steady_clock::now();
+    try {
+        t.Send({"GET", server.Url() + "/stall", {}, ""});
+        FAIL() << "a stalled peer answered";
+    } catch (const TransportError& e) {
+        EXPECT_TRUE(e.timedOut()) << e.what();
+        EXPECT_FALSE(e.permanent());
+    }
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2400));
+    try {
+        t.Send({"GET", server.Url() + "/big", {}, ""});
+        FAIL() << "an oversized body was accepted";
+    } catch (const TransportError& e) {
+        EXPECT_TRUE(e.permanent());
+        EXPECT_NE(std::string(e.what()).find("exceeds 1 MiB"), std::string::npos) << e.what();
+    }
+}
+
 class TlsTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -25,6 +25,23 @@ TEST(Faults, FailNextAffectsExactlyNCallsOfThatAction) {
   EXPECT_TRUE(f.Describe()["rules"].empty());
 }
 
+// One failed status poll inside every wait: each trigger call arms one failure, and the
+// rule stays for the next trigger.
+TEST(Faults, FailAfterFailsTheNextCallOnceAfterEachTrigger) {
+  faults::Faults f(1);
+  ASSERT_EQ(f.Add({{"rules", {{{"action", "DescribeDisks"}, {"failAfter", "CreateDisk"}, {"code", "Forbidden.RAM"}}}}}),
+            "");
+  EXPECT_FALSE(f.Decide("DescribeDisks").error) << "not armed before a trigger";
+  EXPECT_FALSE(f.Decide("CreateDisk").error);
+  auto failed = f.Decide("DescribeDisks");
+  ASSERT_TRUE(failed.error);
+  EXPECT_EQ(failed.error->code, "Forbidden.RAM");
+  EXPECT_FALSE(f.Decide("DescribeDisks").error);
+  f.Decide("CreateDisk");
+  EXPECT_TRUE(f.Decide("DescribeDisks").error);
+  EXPECT_NE(f.Add({{"rules", {{{"action", "*"}, {"failAfter", "CreateDisk"}}}}}), "") << "needs a named action";
+}
+
 TEST(Faults, StatusFollowsTheCodeUnlessGiven) {
   faults::Faults f(1);
   ASSERT_EQ(f.Add({{"rules",
