@@ -214,6 +214,7 @@ TEST_F(CleanupPathsTest, SnapshotLoopStopsOnCancelAndRegistersOnlyWhenAsked) {
         EXPECT_EQ(c.code, plugin.GetLastVMError());
         EXPECT_EQ(c.snapshots, cloud().snapshots.size());
         EXPECT_EQ(c.registered, store().ChildrenOf("tmp-1", VM_CLEANER_ENTITY_SNAPSHOT).size());
+        EXPECT_EQ(c.registrationFails ? 1u : 0u, fakefw::ErrorTexts().size());  // mode none does not even try
         std::string line = c.line;
         if (const size_t at = line.find("{1}"); at != std::string::npos) line.replace(at, 3, disks[0].snapshotId);
         EXPECT_TRUE(fakefw::HasLine(tag, line)) << line;
