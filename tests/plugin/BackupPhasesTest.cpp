@@ -65,8 +65,9 @@ TEST_F(BackupPhasesTest, TheFirstFailingFeasibilityCheckDecides) {
         const std::vector<std::string> errors = c.error.empty() ? std::vector<std::string>{}
                                                                 : std::vector<std::string>{c.error};
         EXPECT_EQ(errors, fakefw::ErrorTexts());
-        if (!c.error.empty())
+        if (!c.error.empty()) {
             EXPECT_TRUE(fakefw::HasLine("virtual bool CAliCloudInfo::IsBackupFeasible(const MountCtx&)", c.error));
+        }
     }
 }
 
