@@ -82,7 +82,7 @@ inline constexpr const char kDeInit[] =
 inline constexpr const char kDeleteDisks[] =
     "bool CAliCloudInfo::DeleteDisks(const string&, const std::vector<VMInfoStructs::SDisk>&)";
 inline constexpr const char kDeleteSnapshots[] =
-    "bool CAliCloudInfo::DeleteSnapshots(const string&, const std::vector<std::__cxx11::basic_string<char> >&)";
+    "bool CAliCloudInfo::DeleteSnapshots(const string&, const std::vector<std::string>&)";
 inline constexpr const char kDeleteVMConfigFile[] =
     "bool CAliCloudInfo::DeleteVMConfigFile(const MountCtx&)";
 inline constexpr const char kDetachDisks_BridgeObj[] =

@@ -4,9 +4,9 @@
 
 #include "BackupWorld.h"
 #include "FxUtil.h"
-#include "LogTags.h"
+#include "ExpectedTags.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using backupworld::Job;
 
 namespace {

@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "BackupWorld.h"
-#include "LogTags.h"
+#include "ExpectedTags.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using backupworld::Job;
 
 namespace {

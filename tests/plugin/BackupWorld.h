@@ -82,4 +82,12 @@ protected:
     fakefw::CleanerStore& store() { return fakefw::Cleaner(); }
     // The cloud calls made so far, by name, in order.
     std::vector<std::string> Ops() { return cloud().CallNames(); }
+    // The proxy as the plug-in describes it, for operations called on their own.
+    SVMInfo ProxyRecord() { return cloud().Describe(cloud().instances.at("i-proxy")); }
+    // Mounts i-src and forgets the mapper calls the mount made.
+    void MountSource(TestPlugin& plugin, MountCtx& ctx) {
+        ctx = backupworld::Job();
+        ASSERT_EQ(1, plugin.MountVM(ctx));
+        fakefw::Mapper() = fakefw::MapperScript{};
+    }
 };

@@ -7,9 +7,9 @@
 #include "AliCloudDiskInfo.h"
 #include "FakeCloud.h"
 #include "FakeFramework.h"
-#include "LogTags.h"
+#include "ExpectedTags.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using namespace VMInfoStructs;
 
 namespace {
@@ -110,6 +110,35 @@ TEST_F(DiskRegistryTest, AttachDetachAndReattachFollowTheDiskState) {
     // A closed disk can be attached again.
     EXPECT_TRUE(Open("d-new1"));
     EXPECT_EQ(2, cloud().Count("AttachDisk"));
+}
+
+TEST_F(DiskRegistryTest, DeviceNamesAreForgottenWhenADiskIsAttachedOrDetached) {
+    // A stale device name would send the agent to whatever block device now has it.
+    SDisk stale = Disk("d-new1");
+    stale.devicePath = "/dev/old";
+    stale.mappedDevice = "/dev/mapper/old";
+    ASSERT_TRUE(registry.RegisterDisk("i-src", stale, false));
+    VmdkHandle handle;
+    ASSERT_TRUE(registry.GetDiskHandle("source", "i-src", "d-new1", handle));
+    auto stored = [&] {
+        SDisk d;
+        bool forRestore = true;
+        EXPECT_TRUE(registry.GetDiskInfo(handle, d, forRestore));
+        return d.devicePath + "|" + d.mappedDevice;
+    };
+
+    SDisk opened = Disk("d-new1");
+    opened.devicePath = "/dev/caller";
+    bool full = false;
+    ASSERT_TRUE(registry.ConnectDisk(vm, opened, full));
+    EXPECT_EQ("", opened.devicePath);  // the caller gets the registry's record
+    EXPECT_EQ("|/dev/mapper/old", stored());
+
+    opened.devicePath = "/dev/vdb";
+    opened.mappedDevice = "/dev/mapper/vdb";
+    ASSERT_TRUE(registry.UpdateDisk(vm, opened));
+    ASSERT_TRUE(registry.CloseDisk("i-src", "d-new1"));
+    EXPECT_EQ("|", stored());
 }
 
 TEST_F(DiskRegistryTest, FailedAttachAndDetachKeepTheStateAndCarryTheBridgeText) {

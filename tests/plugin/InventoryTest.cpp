@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "InventoryWorld.h"
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "PluginFixture.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using inventoryworld::Names;
 using Strings = std::vector<std::string>;
 

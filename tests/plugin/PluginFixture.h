@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "AliCloudInfo.h"
 #include "FakeCloud.h"
 #include "FakeFramework.h"
@@ -23,6 +26,13 @@ public:
     vector<SHostInfo>& HostCache() { return hostInfoCache; }
     const std::string& User() const { return userName; }
 };
+
+// The disk mapper calls made so far, each as "<operation> <argument>".
+inline std::vector<std::string> MapperTrace() {
+    std::vector<std::string> trace;
+    for (const auto& call : fakefw::Mapper().Calls()) trace.push_back(call.op + " " + call.arg);
+    return trace;
+}
 
 class PluginFixture : public ::testing::Test {
 protected:

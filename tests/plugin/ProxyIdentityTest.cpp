@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "PluginFixture.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using Strings = std::vector<std::string>;
 
 namespace {

@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include "FxUtil.h"
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "RestoreWorld.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using restoreworld::TempDir;
 
 namespace {

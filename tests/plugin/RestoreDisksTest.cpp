@@ -2,10 +2,10 @@
 // clean-up, reused by a retried job.
 #include <gtest/gtest.h>
 
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "RestoreWorld.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 using restoreworld::Disk;
 
 namespace {

@@ -1,10 +1,10 @@
 // An existing instance of the restore's name, and waiting for an instance's state.
 #include <gtest/gtest.h>
 
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "RestoreWorld.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 
 namespace {
 

@@ -4,10 +4,10 @@
 
 #include <algorithm>
 
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "RestoreWorld.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 
 namespace {
 

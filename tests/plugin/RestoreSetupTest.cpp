@@ -5,10 +5,10 @@
 
 #include <functional>
 
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "RestoreWorld.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include "AliCloudInfo.h"
 #include "FakeCloud.h"
 #include "FakeFramework.h"
-#include "LogTags.h"
+#include "ExpectedTags.h"
 #include "PluginFixture.h"
 
-using namespace AliCloudLogTags;
+using namespace expected_tags;
 
 extern "C" int CreateAliCloudInfoObject(VirtualServerInstanceType type, IVMInfo** out);
 
