@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer and runs every test.
-# Usage: scripts/test.sh [extra ctest arguments]
+# Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer and runs every test;
+# then the kill walks (hxagent killed after every cloud call of whole jobs) on an optimised
+# build. Usage: scripts/test.sh [extra ctest arguments for the first run; the walks are skipped]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,4 +17,12 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHX_SANITIZE=ON -DHX_B
 cmake --build "$build" -j"$(nproc)"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)" "$@"
+# The kill walks run hxagent several hundred times: they run below, on an optimised build.
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)" -E 'KillWalk' "$@"
+
+if [ "$#" -eq 0 ]; then
+  walk=build-walk
+  cmake -S . -B "$walk" -DCMAKE_BUILD_TYPE=Release -DHX_BUILD_TESTS=ON
+  cmake --build "$walk" -j"$(nproc)" --target e2e_kill_walk_tests hxagent AliCloudInfo HXAliCloudSDKCppBridge
+  ctest --test-dir "$walk" --output-on-failure -j"$(nproc)" -R 'KillWalk'
+fi

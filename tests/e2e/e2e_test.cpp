@@ -87,8 +87,8 @@ TEST_F(AgentE2E, RestoreRefusesADamagedBackup) {
     EXPECT_EQ(r.exitCode, 3) << r.out << r.err;
     EXPECT_NE(r.out.find("checksum"), std::string::npos) << r.out;
     // Only the pre-flight's look-ups reached the cloud.
-    for (const auto& [action, counts] : Calls()["actions"].items())
-        EXPECT_EQ(action.rfind("Describe", 0), 0u) << action;
+    const json calls = Calls();
+    for (const auto& [action, counts] : calls["actions"].items()) EXPECT_EQ(action.rfind("Describe", 0), 0u) << action;
     EXPECT_TRUE(Instances(State(), "db-01-copy").empty());
 }
 

@@ -26,7 +26,8 @@ protected:
     // The actions called since ClearCalls that change something (anything but Describe*).
     std::vector<std::string> ChangingCalls() {
         std::vector<std::string> out;
-        for (const auto& [action, counts] : Calls()["actions"].items())
+        const json calls = Calls();
+        for (const auto& [action, counts] : calls["actions"].items())
             if (action.rfind("Describe", 0) != 0) out.push_back(action);
         return out;
     }
@@ -111,7 +112,7 @@ TEST_F(SafetyE2E, CleanupLeavesAloneWhatTheRegistryNamesButThisProxyDidNotMake) 
     AliCloudSDKCppBridge::CAliCloudSDKCppBridge bridge;
     ASSERT_TRUE(bridge.Connect(keys.accessKeyId, keys.accessKeySecret)) << bridge.GetLastError();
     VMInfoStructs::SChildDisk snapshot;
-    ASSERT_TRUE(bridge.CreateSnapshot("d-hxsim0vm000000000001", snapshot, "users-own", "")) << bridge.GetLastError();
+    ASSERT_TRUE(bridge.CreateSnapshot("d-hxsim0disk0000000001", snapshot, "users-own", "")) << bridge.GetLastError();
 
     // The forged row: a backup job of a process that is gone, naming that snapshot.
     const pid_t writer = ::fork();
@@ -139,6 +140,35 @@ TEST_F(SafetyE2E, CleanupLeavesAloneWhatTheRegistryNamesButThisProxyDidNotMake) 
     for (const auto& s : State()["snapshots"]) exists |= s.value("SnapshotId", "") == snapshot.snapshotId;
     EXPECT_TRUE(exists) << "cleanup deleted a snapshot this proxy never made";
     EXPECT_TRUE(ChangingCalls() == std::vector<std::string>{"CreateSnapshot"}) << Calls().dump();
+}
+
+// A connection that fails names its cause: the cloud's code and RequestId, or the
+// transport's error; never "error 0 (No error)".
+TEST_F(SafetyE2E, ConnectionFailuresNameTheirCause) {
+    struct Case {
+        const char* what;
+        std::string variable, value;
+        std::vector<std::string> named;
+    };
+    const std::vector<Case> cases = {
+        {"a wrong secret", "ALIBABA_CLOUD_ACCESS_KEY_SECRET", "WrongSecret0000000000", {"SignatureDoesNotMatch", "RequestId"}},
+        {"a refused port", "ALIBABA_CLOUD_ECS_ENDPOINT", "http://127.0.0.1:1", {"127.0.0.1"}},
+    };
+    const auto saved = env_;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        env_ = saved;
+        for (auto& e : env_)
+            if (e.rfind(c.variable + "=", 0) == 0) e = c.variable + "=" + c.value;
+        RunResult r = Run({"list"});
+        EXPECT_NE(r.exitCode, 0);
+        const std::string message = r.doc.is_object() ? r.doc["error"].value("message", "") : r.out + r.err;
+        for (const auto& n : c.named) EXPECT_NE(message.find(n), std::string::npos) << message;
+        EXPECT_EQ(message.find("error 0"), std::string::npos) << message;
+        if (c.variable == "ALIBABA_CLOUD_ACCESS_KEY_SECRET")
+            EXPECT_EQ(message.find(c.value), std::string::npos) << "the secret is in the message";
+    }
+    env_ = saved;
 }
 
 // The state folder is private whatever the umask, and two jobs asking for one id (as two
