@@ -20,9 +20,11 @@ json Info(World& world) {
           {"byIdDir", world.dataPlane().ByIdDir().string()},
           {"stateDir", world.dataPlane().StateDir().string()},
           {"proxyInstanceId", world.store().proxyInstanceId},
+          {"proxyRegionId", world.store().instances.count(world.store().proxyInstanceId) ? world.store().instances.at(world.store().proxyInstanceId).regionId : ""},
           {"accessKeyId", keys.empty() ? "" : keys.front().id},
           {"accessKeySecret", keys.empty() ? "" : keys.front().secret},
           {"timeScale", world.clock().Scale()},
+          {"credentialsIssued", world.credentialsIssued.load()},
           {"apiVersion", "2014-05-26"}};
 }
 

@@ -33,6 +33,13 @@ World::World(WorldConfig config)
       auth_(config_.scenario.accessKeys),
       faults_(config_.seed) {}
 
+api::AccessKey World::IssueTemporaryKey(double seconds) {
+  const auto life = std::chrono::duration_cast<std::chrono::system_clock::duration>(clock_.Scaled(seconds));
+  api::AccessKey key = auth_.IssueTemporary(clock_.WallNow() + life);
+  ++credentialsIssued;
+  return key;
+}
+
 std::string World::Reset() {
   try {
     auto lock = store_.Lock();

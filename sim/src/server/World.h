@@ -38,6 +38,8 @@ struct WorldConfig {
   uint64_t seed = 1;
   scenario::Scenario scenario;
   std::function<void(const std::string&)> requestLog;  // may be empty; thread-safe
+  std::string ramRoleName;            // the proxy's RAM role; empty = none
+  double roleCredentialSeconds = 3600;  // at scale 1
 };
 
 class World {
@@ -64,6 +66,11 @@ class World {
   std::mutex metadataMutex;
   std::map<std::string, model::SteadyTime> metadataTokens;
   std::atomic<bool> metadataTokenRequired{false};
+
+  // New temporary credentials that the authenticator accepts until `seconds` (at scale
+  // 1, stretched by the time scale) have passed. Counted in credentialsIssued.
+  api::AccessKey IssueTemporaryKey(double seconds);
+  std::atomic<int> credentialsIssued{0};
 
  private:
   WorldConfig config_;
