@@ -55,9 +55,10 @@ int Inventory(const GlobalOptions& g, const std::function<InventoryOutcome(Agent
 int RunCli(int argc, char** argv) {
     CLI::App app{
         "hxagent: backs up and restores Alibaba Cloud ECS instances through the ECS plug-in.\n"
-        "With no ALIBABA_CLOUD_ECS_ENDPOINT and no credentials configured, every command runs against a\n"
-        "built-in ECS emulator started for the command. Credentials: ALIBABA_CLOUD_ACCESS_KEY_ID and\n"
-        "ALIBABA_CLOUD_ACCESS_KEY_SECRET (+ ALIBABA_CLOUD_SECURITY_TOKEN), or a profile of ~/.aliyun/config.json."};
+        "Credentials follow the Alibaba Cloud chain: ALIBABA_CLOUD_ACCESS_KEY_ID and ALIBABA_CLOUD_ACCESS_KEY_SECRET\n"
+        "(+ ALIBABA_CLOUD_SECURITY_TOKEN), OIDC, a profile of ~/.aliyun/config.json (any mode),\n"
+        "ALIBABA_CLOUD_ECS_METADATA, ALIBABA_CLOUD_CREDENTIALS_URI, then the instance's RAM role. With none of\n"
+        "them a command fails; the built-in ECS emulator runs only for demo, sim and --embedded."};
     app.require_subcommand(1);
     app.fallthrough();
 

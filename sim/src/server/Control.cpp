@@ -91,6 +91,12 @@ api::HttpReply HandleControl(World& world, const std::string& method, const std:
         return Json(200, world.faults().Describe());
       }
     }
+    if (path == "/_sim/throttle" && method == "POST") {
+      json parsed = json::parse(body, nullptr, false);
+      std::string error = world.throttle().Configure(parsed);
+      if (!error.empty()) return Error(400, error);
+      return Json(200, json::object());
+    }
     if (path == "/_sim/reset" && method == "POST") {
       std::string error = world.Reset();
       if (!error.empty()) return Error(500, error);

@@ -68,6 +68,7 @@ nlohmann::json Dispatch(World& world, const RawRequest& request, const api::Para
     caller = world.auth().Verify(view, world.clock().WallNow()).accessKeyId;
   }
 
+  if (auto refused = world.throttle().Admit(outcome.action)) throw *refused;
   faults::Decision fault = HeaderFault(request.headers);
   faults::Decision ruled = world.faults().Decide(outcome.action);
   outcome.latency = fault.latency + ruled.latency;

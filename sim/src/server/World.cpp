@@ -51,6 +51,7 @@ std::string World::Reset() {
   }
   auth_.ForgetNonces();
   faults_.Clear();
+  throttle_.Clear();
   counter_.Clear();
   {
     std::lock_guard lock(metadataMutex);

@@ -16,6 +16,7 @@
 #include "model/Clock.h"
 #include "model/Store.h"
 #include "scenario/Scenario.h"
+#include "server/Throttle.h"
 
 namespace hxsim::server {
 
@@ -58,6 +59,7 @@ class World {
   api::Authenticator& auth() { return auth_; }
   faults::Faults& faults() { return faults_; }
   CallCounter& counter() { return counter_; }
+  Throttle& throttle() { return throttle_; }
 
   // "http://127.0.0.1:<port>", set once the server listens; guarded by the store lock.
   std::string endpoint;
@@ -80,6 +82,7 @@ class World {
   api::Authenticator auth_;
   faults::Faults faults_;
   CallCounter counter_;
+  Throttle throttle_{clock_};
 };
 
 }  // namespace hxsim::server
