@@ -52,7 +52,7 @@ TEST_F(RetryOnEmulator, ThrottlingThatLastsTheMinuteIsWaitedOut) {
 
     // A throttle that never clears ends with the throttling code
     // once the budget (150 s scaled) is spent, not after a handful of attempts.
-    Control("/_sim/faults", R"({"action": "DescribeZones", "forMs": 100000, "code": "Throttling.User"})");
+    Control("/_sim/faults", R"({"rules": [{"action": "DescribeZones", "forMs": 100000, "code": "Throttling.User"}]})");
     const auto started = std::chrono::steady_clock::now();
     try {
         client_->Call("DescribeZones", "cn-hangzhou", {});
@@ -67,13 +67,13 @@ TEST_F(RetryOnEmulator, CodesThatMeanRetryLaterAreRetried) {
     for (const char* code : {"LastTokenProcessing", "Operation.Conflict"}) {
         SCOPED_TRACE(code);
         refusals_.clear();
-        Control("/_sim/faults", std::string(R"({"action": "DescribeRegions", "failNext": 2, "code": ")") + code + "\"}");
+        Control("/_sim/faults", std::string(R"({"rules": [{"action": "DescribeRegions", "failNext": 2, "code": ")") + code + "\"}]}");
         EXPECT_NO_THROW(client_->Call("DescribeRegions", "cn-hangzhou", {}));
         EXPECT_EQ(refusals_.size(), 2u);
     }
     // Not every refusal is worth a repetition.
     refusals_.clear();
-    Control("/_sim/faults", R"({"action": "DescribeRegions", "failNext": 1, "code": "InvalidParameter"})");
+    Control("/_sim/faults", R"({"rules": [{"action": "DescribeRegions", "failNext": 1, "code": "InvalidParameter"}]})");
     EXPECT_THROW(client_->Call("DescribeRegions", "cn-hangzhou", {}), ApiError);
     EXPECT_EQ(refusals_.size(), 1u);
 }
