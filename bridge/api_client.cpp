@@ -108,7 +108,9 @@ nlohmann::json ApiClient::Call(const std::string& action, const std::string& reg
     if (!regionId.empty() && params.find("RegionId") == params.end()) params["RegionId"] = regionId;
     const auto started = std::chrono::steady_clock::now();
     bool outcomeUnknown = false;  // an earlier attempt may have been performed by the server
-    int otherRetries = 0, throttleRetries = 0;
+    // The back-off keeps growing across kinds of failure; only the attempt bound counts
+    // throttling apart (it has its own time budget).
+    int retries = 0, otherRetries = 0;
     std::chrono::milliseconds throttleWaited{0};
     for (int attempt = 1;; ++attempt) {
         long status = 0;
@@ -139,11 +141,12 @@ nlohmann::json ApiClient::Call(const std::string& action, const std::string& reg
             }
             if (e.kind() == ApiError::Kind::Network) outcomeUnknown = true;
             if (throttled) {
-                const auto delay = options_.retry.ThrottleDelay(++throttleRetries, options_.random());
+                const auto delay = options_.retry.ThrottleDelay(++retries, options_.random());
                 throttleWaited += delay;
                 options_.sleep(delay);
             } else {
-                options_.sleep(options_.retry.Delay(++otherRetries, options_.random()));
+                ++otherRetries;
+                options_.sleep(options_.retry.Delay(++retries, options_.random()));
             }
         }
     }
