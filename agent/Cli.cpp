@@ -21,6 +21,12 @@ namespace hxagent {
 
 namespace {
 
+// Every JSON document names the cloud that answered (endpoint, region, emulator or not).
+nlohmann::json WithCloud(nlohmann::json doc, const AgentContext* context) {
+    if (context && doc.is_object()) doc["cloud"] = context->target().DescribeJson();
+    return doc;
+}
+
 int Fail(const JobFailure& f, AgentContext* context, bool json) {
     std::string line = FormatFailure(f);
     // The job log keeps the cause too, for whoever reads it after the terminal is gone.
@@ -31,7 +37,8 @@ int Fail(const JobFailure& f, AgentContext* context, bool json) {
         if (!log.empty()) line += " (" + log + ")";
     }
     if (json)
-        std::cout << nlohmann::json{{"ok", false}, {"error", {{"operation", f.operation}, {"code", f.code}, {"message", line}}}}
+        std::cout << WithCloud({{"ok", false}, {"error", {{"operation", f.operation}, {"code", f.code}, {"message", line}}}},
+                               context)
                          .dump(2)
                   << std::endl;
     else
@@ -67,9 +74,9 @@ std::string ReadFile(const std::string& path, std::string& error) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-void PrintPlan(const RestorePlan& plan, bool json) {
+void PrintPlan(const RestorePlan& plan, bool json, const AgentContext* context) {
     if (json) {
-        std::cout << nlohmann::json{{"ok", true},
+        std::cout << WithCloud({{"ok", true},
                                     {"dryRun", true},
                                     {"plan",
                                      {{"region", plan.regionId},
@@ -78,7 +85,8 @@ void PrintPlan(const RestorePlan& plan, bool json) {
                                       {"name", plan.name},
                                       {"proxyId", plan.proxyId},
                                       {"replaces", plan.replaces},
-                                      {"steps", plan.Lines()}}}}
+                                      {"steps", plan.Lines()}}}},
+                               context)
                          .dump(2)
                   << std::endl;
         return;
@@ -110,14 +118,14 @@ int RestoreCommand(GlobalOptions g, const RestoreRequest& request, bool dryRun) 
     if (!PreflightRestoreJob(*context, manifest, configText, request, plan, failure))
         return Fail(failure, context.get(), g.json);
     if (dryRun) {
-        PrintPlan(plan, g.json);
+        PrintPlan(plan, g.json, context.get());
         return kExitOk;
     }
     if (!VerifyBackup(request.backupFolder, manifest, progress, error))
         return Fail(LocalFailure("restore refused: " + error), context.get(), g.json);
     RestoreOutcome out = RunRestore(*context, manifest, request, progress);
     if (!out.ok) return Fail(out.failure, context.get(), g.json);
-    if (g.json) std::cout << RestoreOutcomeJson(out).dump(2) << std::endl;
+    if (g.json) std::cout << WithCloud(RestoreOutcomeJson(out), context.get()).dump(2) << std::endl;
     else PrintRestoreOutcome(out);
     return kExitOk;
 }
@@ -129,9 +137,10 @@ int RunCli(int argc, char** argv) {
     ::umask(077);
     CLI::App app{
         "hxagent: backs up and restores Alibaba Cloud ECS instances through the ECS plug-in.\n"
-        "With no ALIBABA_CLOUD_ECS_ENDPOINT and no credentials configured, every command runs against a\n"
-        "built-in ECS emulator started for the command. Credentials: ALIBABA_CLOUD_ACCESS_KEY_ID and\n"
-        "ALIBABA_CLOUD_ACCESS_KEY_SECRET (+ ALIBABA_CLOUD_SECURITY_TOKEN), or a profile of ~/.aliyun/config.json."};
+        "Credentials follow the Alibaba Cloud chain: ALIBABA_CLOUD_ACCESS_KEY_ID and ALIBABA_CLOUD_ACCESS_KEY_SECRET\n"
+        "(+ ALIBABA_CLOUD_SECURITY_TOKEN), OIDC, a profile of ~/.aliyun/config.json (any mode),\n"
+        "ALIBABA_CLOUD_ECS_METADATA, ALIBABA_CLOUD_CREDENTIALS_URI, then the instance's RAM role. With none of\n"
+        "them a command fails; the built-in ECS emulator runs only for demo, sim and --embedded."};
     app.require_subcommand(1);
     app.fallthrough();
 
@@ -234,7 +243,7 @@ int RunCli(int argc, char** argv) {
         if (!context) return status;
         BackupOutcome out = RunBackup(*context, backupReq, progress);
         if (!out.ok) return Fail(out.failure, context.get(), g.json);
-        if (g.json) std::cout << BackupOutcomeJson(out).dump(2) << std::endl;
+        if (g.json) std::cout << WithCloud(BackupOutcomeJson(out), context.get()).dump(2) << std::endl;
         else PrintBackupOutcome(out);
         return kExitOk;
     }
@@ -248,7 +257,7 @@ int RunCli(int argc, char** argv) {
         CleanupOutcome out = RunCleanup(*context, dryRun, progress);
         if (!g.json) PrintCleanupOutcome(out, dryRun);
         if (!out.ok) return Fail(out.failure, context.get(), g.json);
-        if (g.json) std::cout << CleanupOutcomeJson(out).dump(2) << std::endl;
+        if (g.json) std::cout << WithCloud(CleanupOutcomeJson(out), context.get()).dump(2) << std::endl;
         return kExitOk;
     }
     if (*sim) {

@@ -46,6 +46,15 @@ CredentialLookup ParseAliyunConfig(const std::string& text, const std::string& w
         c.accessKeySecret = Str(p, "access_key_secret");
         c.regionId = Str(p, "region_id");
         c.source = "profile '" + name + "' of " + fileName;
+        if (mode == "RamRoleArn" || mode == "ChainableRamRoleArn" || mode == "EcsRamRole" ||
+            mode == "CredentialsURI" || mode == "OIDC") {
+            c = CloudCredentials{};
+            c.regionId = Str(p, "region_id");
+            c.source = "profile '" + name + "' of " + fileName + " (mode " + mode + ")";
+            c.chain = true;
+            r.credentials = c;
+            return r;
+        }
         if (mode == "StsToken") {
             c.securityToken = Str(p, "sts_token");
             if (c.securityToken.empty()) {
@@ -54,8 +63,8 @@ CredentialLookup ParseAliyunConfig(const std::string& text, const std::string& w
             }
         } else if (mode != "AK" && !mode.empty()) {
             r.error = c.source + " has mode " + mode +
-                      ", which hxagent does not handle; use mode AK or StsToken, or set "
-                      "ALIBABA_CLOUD_ACCESS_KEY_ID and ALIBABA_CLOUD_ACCESS_KEY_SECRET";
+                      ", which is not one of AK, StsToken, RamRoleArn, ChainableRamRoleArn, "
+                      "EcsRamRole, CredentialsURI, OIDC";
             return r;
         }
         if (c.accessKeyId.empty() || c.accessKeySecret.empty()) {
@@ -87,23 +96,37 @@ CredentialLookup ResolveCredentials(const EnvLookup& env, const std::string& pro
         r.credentials = c;
         return r;
     }
-    if (configPath.empty()) {
-        const std::string home = env("HOME");
-        if (home.empty()) {
-            if (!profile.empty()) r.error = "profile '" + profile + "' asked for, but HOME is not set";
-            return r;
-        }
-        configPath = home + "/.aliyun/config.json";
-    }
-    std::ifstream in(configPath);
-    if (!in) {
-        if (!profile.empty()) r.error = "profile '" + profile + "' asked for, but " + configPath + " cannot be read";
+    if (profile.empty() && !env("ALIBABA_CLOUD_ROLE_ARN").empty() && !env("ALIBABA_CLOUD_OIDC_PROVIDER_ARN").empty() &&
+        !env("ALIBABA_CLOUD_OIDC_TOKEN_FILE").empty()) {
+        r.credentials = CloudCredentials{};
+        r.credentials->source = "OIDC role " + env("ALIBABA_CLOUD_ROLE_ARN");
+        r.credentials->chain = true;
         return r;
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    std::string wanted = profile.empty() ? env("ALIBABA_CLOUD_PROFILE") : profile;
-    return ParseAliyunConfig(text.str(), wanted, configPath);
+    if (configPath.empty()) configPath = env("ALIBABA_CLOUD_CONFIG_FILE");
+    if (configPath.empty() && !env("HOME").empty()) configPath = env("HOME") + "/.aliyun/config.json";
+    std::ifstream in(configPath);
+    if (in) {
+        std::ostringstream text;
+        text << in.rdbuf();
+        std::string wanted = profile.empty() ? env("ALIBABA_CLOUD_PROFILE") : profile;
+        return ParseAliyunConfig(text.str(), wanted, configPath);
+    }
+    if (!profile.empty()) {
+        r.error = "profile '" + profile + "' asked for, but " + (configPath.empty() ? "HOME is not set" : configPath + " cannot be read");
+        return r;
+    }
+    auto chained = [&](const std::string& source) {
+        r.credentials = CloudCredentials{};
+        r.credentials->source = source;
+        r.credentials->chain = true;
+        return r;
+    };
+    const bool metadataOff = env("ALIBABA_CLOUD_ECS_METADATA_DISABLED") == "true";
+    if (!metadataOff && !env("ALIBABA_CLOUD_ECS_METADATA").empty())
+        return chained("the RAM role '" + env("ALIBABA_CLOUD_ECS_METADATA") + "' of this instance");
+    if (!env("ALIBABA_CLOUD_CREDENTIALS_URI").empty()) return chained("the credentials URI");
+    return r;
 }
 
 std::string MaskKeyId(const std::string& id) {

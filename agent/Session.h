@@ -67,6 +67,7 @@ public:
     const std::string& OwnerTag() const { return ownerTag_; }
 
     CloudTarget& target() { return target_; }
+    const CloudTarget& target() const { return target_; }
     const std::string& stateDir() const { return stateDir_; }
     const GlobalOptions& options() const { return options_; }
     long long jobId() const { return jobId_; }

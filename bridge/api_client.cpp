@@ -42,6 +42,13 @@ nlohmann::json ParseResponse(const HttpResponse& response) {
 
 ApiClient::ApiClient(std::shared_ptr<HttpTransport> transport, RequestSigner signer, Credentials credentials,
                      EndpointResolver endpoints, ApiClientOptions options)
+    : ApiClient(std::move(transport), std::move(signer),
+                std::make_shared<StaticCredentialsProvider>(std::move(credentials), "the given AccessKey"),
+                std::move(endpoints), std::move(options)) {}
+
+ApiClient::ApiClient(std::shared_ptr<HttpTransport> transport, RequestSigner signer,
+                     std::shared_ptr<CredentialsProvider> credentials, EndpointResolver endpoints,
+                     ApiClientOptions options)
     : transport_(std::move(transport)),
       signer_(std::move(signer)),
       credentials_(std::move(credentials)),
@@ -55,10 +62,10 @@ ApiClient::ApiClient(std::shared_ptr<HttpTransport> transport, RequestSigner sig
     }
 }
 
-std::string ApiClient::Redact(std::string text) const {
+std::string ApiClient::Redact(std::string text, const Credentials& used) {
     // A SignatureDoesNotMatch message quotes the server's string to sign, which carries the
     // security token (percent-encoded once or twice); transport errors could echo anything.
-    for (const std::string& secret : {credentials_.accessKeySecret, credentials_.securityToken}) {
+    for (const std::string& secret : {used.accessKeySecret, used.securityToken}) {
         if (secret.size() < 4) continue;
         for (const std::string& form : {secret, PercentEncode(secret), PercentEncode(PercentEncode(secret))}) {
             for (size_t pos = text.find(form); pos != std::string::npos; pos = text.find(form, pos)) {
@@ -71,7 +78,8 @@ std::string ApiClient::Redact(std::string text) const {
 
 nlohmann::json ApiClient::CallOnce(const std::string& action, const std::string& regionId, const Params& params,
                                    long& status) {
-    const Params signedParams = signer_.Sign("POST", action, options_.version, params, credentials_);
+    const Credentials used = credentials_->Get();
+    const Params signedParams = signer_.Sign("POST", action, options_.version, params, used);
     HttpRequest request;
     request.method = "POST";
     request.url = endpoints_.BaseUrl(regionId) + "/";
@@ -86,13 +94,13 @@ nlohmann::json ApiClient::CallOnce(const std::string& action, const std::string&
         response = transport_->Send(request);
     } catch (const TransportError& e) {
         const char* code = e.permanent() ? kPermanentNetworkError : e.timedOut() ? kNetworkTimeout : "NetworkError";
-        throw ApiError(ApiError::Kind::Network, code, Redact(e.what()));
+        throw ApiError(ApiError::Kind::Network, code, Redact(e.what(), used));
     }
     status = response.status;
     try {
         return ParseResponse(response);
     } catch (const ApiError& e) {
-        ApiError clean(e.kind(), e.code(), Redact(e.message()), e.requestId(), e.httpStatus());
+        ApiError clean(e.kind(), e.code(), Redact(e.message(), used), e.requestId(), e.httpStatus());
         throw clean;
     }
 }
@@ -102,6 +110,10 @@ nlohmann::json ApiClient::Call(const std::string& action, const std::string& reg
     const auto started = std::chrono::steady_clock::now();
     bool outcomeUnknown = false;  // an earlier attempt may have been performed by the server
     int timeouts = 0;             // attempts the peer accepted and never answered
+    // The back-off keeps growing across kinds of failure; only the attempt bound counts
+    // throttling apart (it has its own time budget).
+    int retries = 0, otherRetries = 0;
+    std::chrono::milliseconds throttleWaited{0};
     for (int attempt = 1;; ++attempt) {
         long status = 0;
         auto traceLine = [&](const std::string& requestId, const std::string& outcome) {
@@ -122,15 +134,25 @@ nlohmann::json ApiClient::Call(const std::string& action, const std::string& reg
         } catch (ApiError& e) {
             traceLine(e.requestId(), e.code());
             if (e.code() == kNetworkTimeout) ++timeouts;
+            const bool throttled = RetryPolicy::IsThrottling(e);
             // A peer that stalls twice is not going to answer: each stall costs the whole
             // stall timeout, so a third attempt would only hold the job longer.
-            const bool retry = RetryPolicy::IsRetryable(e) && attempt < options_.retry.maxAttempts && timeouts < 2;
+            const bool retry = RetryPolicy::IsRetryable(e) && timeouts < 2 &&
+                               (throttled ? throttleWaited < options_.retry.throttleBudget
+                                          : otherRetries + 1 < options_.retry.maxAttempts);
             if (!retry) {
                 e.setMayHaveSucceeded(outcomeUnknown);
                 throw;
             }
             if (e.kind() == ApiError::Kind::Network) outcomeUnknown = true;
-            options_.sleep(options_.retry.Delay(attempt, options_.random()));
+            if (throttled) {
+                const auto delay = options_.retry.ThrottleDelay(++retries, options_.random());
+                throttleWaited += delay;
+                options_.sleep(delay);
+            } else {
+                ++otherRetries;
+                options_.sleep(options_.retry.Delay(++retries, options_.random()));
+            }
         }
     }
 }

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "api_error.h"
+#include "credentials_provider.h"
 #include "http_transport.h"
 #include "retry_policy.h"
 #include "signer.h"
@@ -42,6 +43,13 @@ struct ApiClientOptions {
 
 class ApiClient {
 public:
+    // Signs every request with whatever `credentials` gives at that moment, so refreshed
+    // temporary credentials take effect on the next attempt. A provider failure ends the
+    // call with its ApiError (retried like any other when it is a network error).
+    ApiClient(std::shared_ptr<HttpTransport> transport, RequestSigner signer,
+              std::shared_ptr<CredentialsProvider> credentials, EndpointResolver endpoints,
+              ApiClientOptions options = {});
+    // Fixed credentials (a permanent AccessKey or a token that is not refreshed).
     ApiClient(std::shared_ptr<HttpTransport> transport, RequestSigner signer, Credentials credentials,
               EndpointResolver endpoints, ApiClientOptions options = {});
 
@@ -51,16 +59,16 @@ public:
     // the secret or the security token.
     nlohmann::json Call(const std::string& action, const std::string& regionId, Params params);
 
-    const Credentials& credentials() const { return credentials_; }
+    const CredentialsProvider& credentials() const { return *credentials_; }
 
 private:
     nlohmann::json CallOnce(const std::string& action, const std::string& regionId, const Params& params,
                             long& status);
-    std::string Redact(std::string text) const;
+    static std::string Redact(std::string text, const Credentials& used);
 
     std::shared_ptr<HttpTransport> transport_;
     RequestSigner signer_;
-    Credentials credentials_;
+    std::shared_ptr<CredentialsProvider> credentials_;
     EndpointResolver endpoints_;
     ApiClientOptions options_;
 };

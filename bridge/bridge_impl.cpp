@@ -6,6 +6,7 @@
 #include <set>
 
 #include "config_document.h"
+#include "credentials_chain.h"
 #include "json_util.h"
 #include "mapping.h"
 #include "platform_names.h"
@@ -88,6 +89,28 @@ bool Impl::Run(const std::function<void()>& op) {
 
 // ---------------------------------------------------------------- connection
 
+namespace {
+// The provider Connect signs with. A host that runs on ECS without a key on disk passes
+// placeholders and sets ALIBABA_CLOUD_BRIDGE_CREDENTIALS=chain (see settings.h); otherwise
+// the AccessKey of Connect is used as before, with ALIBABA_CLOUD_SECURITY_TOKEN if set.
+std::shared_ptr<CredentialsProvider> ConnectCredentials(const BridgeDependencies& deps, const std::string& id,
+                                                        const std::string& secret) {
+    if (!deps.settings.credentialChain) {
+        return std::make_shared<StaticCredentialsProvider>(Credentials{id, secret, deps.settings.securityToken},
+                                                           "the AccessKey " + MaskAccessKeyId(id));
+    }
+    ChainDependencies chain;
+    chain.env = ReadEnvironment;
+    chain.http = deps.ecsTransport;
+    chain.metadataHttp = deps.metadataTransport;
+    chain.metadataEndpoint = deps.settings.metadataEndpoint;
+    chain.refreshMargin = std::max(std::chrono::milliseconds(1),
+                                   std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::minutes(5) * deps.settings.timeScale));
+    return ResolveCredentialChain(chain);
+}
+}  // namespace
+
 void Impl::Connect(const std::string& accessKeyId, const std::string& accessKeySecret) {
     RequireArg(accessKeyId, "AccessKey id");
     RequireArg(accessKeySecret, "AccessKey secret");
@@ -104,22 +127,17 @@ void Impl::Connect(const std::string& accessKeyId, const std::string& accessKeyS
     waits_ = WaitBounds().Scaled(scale);
 
     ApiClientOptions options;
-    RetryPolicy policy;
-    policy.baseDelay = std::max(std::chrono::milliseconds(1),
-                                std::chrono::milliseconds(static_cast<long long>(policy.baseDelay.count() * scale)));
-    policy.maxDelay = std::max(std::chrono::milliseconds(1),
-                               std::chrono::milliseconds(static_cast<long long>(policy.maxDelay.count() * scale)));
-    options.retry = policy;
+    options.retry = RetryPolicy().Scaled(scale);
     options.sleep = deps_.time.sleep;
     if (deps_.settings.debug) {
         options.trace = [](const std::string& line) { std::cerr << "hx-bridge: " << line << std::endl; };
     }
-    Credentials credentials{accessKeyId, accessKeySecret, deps_.settings.securityToken};
+    auto credentials = ConnectCredentials(deps_, accessKeyId, accessKeySecret);
     EndpointResolver endpoints{deps_.settings.ecsEndpoint, deps_.settings.vpcNetwork};
     metadata_ = std::make_unique<MetadataClient>(deps_.metadataTransport, deps_.settings.metadataEndpoint);
     api_ = std::make_unique<ApiClient>(deps_.ecsTransport, deps_.signer, credentials, endpoints, options);
     try {
-        Regions();  // proves the AccessKey and the endpoint; the list is needed anyway
+        Regions();  // proves the credentials and the endpoint; the list is needed anyway
     } catch (...) {
         api_.reset();
         throw;

@@ -6,11 +6,13 @@
 
 namespace hxbridge {
 
-namespace {
-std::string Env(const char* name) {
+std::string ReadEnvironment(const char* name) {
     const char* v = std::getenv(name);
     return v == nullptr ? std::string() : std::string(v);
 }
+
+namespace {
+std::string Env(const char* name) { return ReadEnvironment(name); }
 }  // namespace
 
 BridgeSettings BridgeSettings::FromEnvironment() {
@@ -25,6 +27,7 @@ BridgeSettings BridgeSettings::FromEnvironment() {
     s.defaultRegion = Env("ALIBABA_CLOUD_REGION_ID");
     s.securityToken = Env("ALIBABA_CLOUD_SECURITY_TOKEN");
     s.debug = Env("ALIBABA_CLOUD_BRIDGE_DEBUG") == "1";
+    s.credentialChain = Env("ALIBABA_CLOUD_BRIDGE_CREDENTIALS") == "chain";
     const std::string scale = Env("ALIBABA_CLOUD_BRIDGE_TIME_SCALE");
     if (!scale.empty()) {
         char* end = nullptr;

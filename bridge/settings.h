@@ -12,6 +12,13 @@
 //   ALIBABA_CLOUD_SECURITY_TOKEN     STS token sent with the AccessKey of Connect.
 //   ALIBABA_CLOUD_BRIDGE_DEBUG       "1": one trace line per API call on stderr (action,
 //                                    region, HTTP status, RequestId, attempt, duration).
+//   ALIBABA_CLOUD_BRIDGE_CREDENTIALS "chain": Connect ignores its user name and password (the
+//                                    host passes placeholders) and signs with the default
+//                                    credentials chain (credentials_chain.h), refreshed
+//                                    before expiry. Unset: the AccessKey given to Connect.
+//                                    An environment variable, not a magic user name, so that
+//                                    no AccessKey id can ever be mistaken for the switch and
+//                                    the plug-in's Connect contract stays as it is.
 //   ALIBABA_CLOUD_BRIDGE_TIME_SCALE  a factor in (0, 1] for every poll interval, wait bound
 //                                    and retry back-off; for tests against a time-scaled
 //                                    emulator. Default 1. Out-of-range values are ignored.
@@ -28,9 +35,13 @@ struct BridgeSettings {
     std::string defaultRegion;
     std::string securityToken;
     bool debug = false;
+    bool credentialChain = false;
     double timeScale = 1.0;
 
     static BridgeSettings FromEnvironment();
 };
+
+// One variable of the process environment; empty when unset.
+std::string ReadEnvironment(const char* name);
 
 }  // namespace hxbridge

@@ -90,6 +90,8 @@ StartResult Emulator::Start() noexcept {
     config.seed = o.seed;
     config.scenario = *parsed;
     config.requestLog = o.requestLog;
+    config.ramRoleName = o.ramRoleName;
+    config.roleCredentialSeconds = o.roleCredentialSeconds;
     impl_->world = std::make_unique<server::World>(std::move(config));
     if (std::string e = impl_->world->Reset(); !e.empty()) {
       impl_->Cleanup();
@@ -162,6 +164,10 @@ std::string Emulator::ProxyInstanceId() const noexcept { return impl_->world ? i
 std::string Emulator::ProxyRegionId() const noexcept { return impl_->world ? impl_->proxyRegion : ""; }
 std::string Emulator::ProxyZoneId() const noexcept { return impl_->world ? impl_->proxyZone : ""; }
 Credentials Emulator::DemoCredentials() const noexcept { return impl_->world ? impl_->demo : Credentials{}; }
+
+int Emulator::CredentialsIssued() const noexcept {
+  return impl_->world ? impl_->world->credentialsIssued.load() : 0;
+}
 
 Credentials Emulator::BuiltInDemoCredentials() noexcept {
   try {

@@ -25,6 +25,7 @@ const char* kConfig = R"({
     {"name": "sts", "mode": "StsToken", "access_key_id": "STS.abc123456", "access_key_secret": "s-sts", "sts_token": "tok"},
     {"name": "sts-broken", "mode": "StsToken", "access_key_id": "STS.x", "access_key_secret": "y"},
     {"name": "role", "mode": "EcsRamRole", "ram_role_name": "backup"},
+    {"name": "odd", "mode": "Bearer"},
     {"name": "nokey", "mode": "AK", "access_key_id": "", "access_key_secret": ""}
   ]})";
 
@@ -38,7 +39,7 @@ TEST(Credentials, ProfileSelection) {
         {"default", "LTAIdefault0001", ""},
         {"sts", "STS.abc123456", ""},
         {"sts-broken", "", "no sts_token"},
-        {"role", "", "mode EcsRamRole"},
+        {"odd", "", "mode Bearer"},
         {"nokey", "", "lacks access_key_id"},
         {"missing", "", "no profile 'missing'"},
     };
@@ -55,6 +56,11 @@ TEST(Credentials, ProfileSelection) {
     auto sts = ParseAliyunConfig(kConfig, "sts", "config.json");
     ASSERT_TRUE(sts.credentials);
     EXPECT_EQ(sts.credentials->securityToken, "tok");
+    // Modes with temporary credentials are left to the bridge's chain: no key is read here.
+    auto role = ParseAliyunConfig(kConfig, "role", "config.json");
+    ASSERT_TRUE(role.credentials) << role.error;
+    EXPECT_TRUE(role.credentials->chain);
+    EXPECT_TRUE(role.credentials->accessKeyId.empty());
     auto work = ParseAliyunConfig(kConfig, "", "config.json");
     EXPECT_EQ(work.credentials->regionId, "cn-shanghai");
     EXPECT_TRUE(work.credentials->securityToken.empty());
@@ -103,7 +109,8 @@ TEST_F(CredentialFiles, EnvironmentBeatsFileUnlessAProfileIsNamed) {
 }
 
 TEST_F(CredentialFiles, NothingConfiguredAndHalfConfigured) {
-    // No file, no variables: nothing configured, which is not an error (embedded emulator).
+    // No file, no variables: nothing configured here, which is not an error yet (the
+    // metadata service may still offer the instance's role).
     auto none = ResolveCredentials(Env({{"HOME", "/nonexistent-home"}}), "");
     EXPECT_FALSE(none.credentials);
     EXPECT_TRUE(none.error.empty());
@@ -113,6 +120,34 @@ TEST_F(CredentialFiles, NothingConfiguredAndHalfConfigured) {
     auto half = ResolveCredentials(Env({{"HOME", home_.string()}, {"ALIBABA_CLOUD_ACCESS_KEY_ID", "x"}}), "");
     EXPECT_FALSE(half.credentials);
     EXPECT_NE(half.error.find("only one"), std::string::npos);
+}
+
+TEST(Credentials, SourcesOnlyTheBridgeCanResolveComeInChainOrder) {
+    const std::map<std::string, std::string> oidc{{"ALIBABA_CLOUD_ROLE_ARN", "acs:ram::1:role/r"},
+                                                  {"ALIBABA_CLOUD_OIDC_PROVIDER_ARN", "acs:ram::1:oidc-provider/p"},
+                                                  {"ALIBABA_CLOUD_OIDC_TOKEN_FILE", "/var/run/token"}};
+    struct Case {
+        std::map<std::string, std::string> env;
+        std::string source;  // empty: nothing configured
+    } cases[] = {
+        {oidc, "OIDC role"},
+        {{{"ALIBABA_CLOUD_ECS_METADATA", "backup"}}, "RAM role 'backup'"},
+        {{{"ALIBABA_CLOUD_ECS_METADATA", "backup"}, {"ALIBABA_CLOUD_ECS_METADATA_DISABLED", "true"}}, ""},
+        {{{"ALIBABA_CLOUD_CREDENTIALS_URI", "http://127.0.0.1:1/creds"}}, "credentials URI"},
+        {{{"ALIBABA_CLOUD_ROLE_ARN", "acs:ram::1:role/r"}}, ""},  // OIDC needs all three
+    };
+    for (auto& c : cases) {
+        c.env.emplace("HOME", "/nonexistent-home");
+        auto r = ResolveCredentials(Env(c.env), "");
+        EXPECT_TRUE(r.error.empty()) << r.error;
+        if (c.source.empty()) {
+            EXPECT_FALSE(r.credentials) << r.credentials->source;
+            continue;
+        }
+        ASSERT_TRUE(r.credentials) << c.source;
+        EXPECT_TRUE(r.credentials->chain);
+        EXPECT_NE(r.credentials->source.find(c.source), std::string::npos) << r.credentials->source;
+    }
 }
 
 TEST(Credentials, MaskNeverShowsTheMiddle) {

@@ -227,7 +227,7 @@ TEST_F(AgentDiskLimitE2E, BackupWaitsForAFreeSlot) {
     ExpectNothingLeft();
 }
 
-// With nothing configured, hxagent starts the built-in emulator and says so; the demo
+// With --embedded, hxagent starts the built-in emulator and says so; the demo
 // verifies its own round trip.
 TEST(AgentEmbeddedE2E, DemoVerifiesOnTheBuiltInEmulator) {
     std::vector<std::string> env;
@@ -237,7 +237,7 @@ TEST(AgentEmbeddedE2E, DemoVerifiesOnTheBuiltInEmulator) {
         if (std::string(*e).rfind("ALIBABA_CLOUD_", 0) != 0 && std::string(*e).rfind("HOME=", 0) != 0)
             env.push_back(*e);
     env.push_back("HOME=" + home);
-    RunResult list = Child({"list", "--name", "web-*"}, env, home).Wait();
+    RunResult list = Child({"--embedded", "list", "--name", "web-*"}, env, home).Wait();
     EXPECT_EQ(list.exitCode, 0) << list.err;
     EXPECT_NE(list.err.find("built-in ECS emulator"), std::string::npos) << list.err;
     EXPECT_NE(list.out.find("web-01"), std::string::npos) << list.out;

@@ -37,6 +37,12 @@ struct Options {
   std::string scenarioJson;
   // Factor applied to every transition duration: 0.01 makes a 20 s snapshot take 0.2 s.
   double timeScale = 1.0;
+  // The RAM role attached to the proxy instance, served by the metadata service at
+  // /latest/meta-data/ram/security-credentials/<name>; empty: no role (404 there).
+  std::string ramRoleName = "hxagent-proxy";
+  // Life of the credentials that role hands out, in seconds at scale 1 (stretched by
+  // timeScale like every duration). Real ECS gives about an hour and more.
+  double roleCredentialSeconds = 3600;
   // Seeds generated ids and fault-injection randomness, so runs are repeatable.
   uint64_t seed = 1;
   // Called once per API request with "<Action> <HTTP status> <Code or OK> <ms>"; may be
@@ -86,6 +92,9 @@ class Emulator {
   std::string ProxyRegionId() const noexcept;
   std::string ProxyZoneId() const noexcept;
   Credentials DemoCredentials() const noexcept;  // the scenario's first AccessKey
+  // Temporary credentials handed out so far (RAM role through the metadata service, STS
+  // AssumeRole and AssumeRoleWithOIDC); also "credentialsIssued" in /_sim/info.
+  int CredentialsIssued() const noexcept;
 
   // The built-in default scenario's fixed demo AccessKey pair.
   static Credentials BuiltInDemoCredentials() noexcept;

@@ -1,5 +1,7 @@
 #include "api/Auth.h"
 
+#include <random>
+
 #include "api/ApiError.h"
 #include "util/Crypto.h"
 
@@ -19,6 +21,24 @@ ApiError SignatureMismatch(const std::string& stringToSign) {
 }
 }  // namespace
 
+AccessKey Authenticator::IssueTemporary(timefmt::WallTime expiration) {
+  thread_local std::mt19937_64 rng{std::random_device{}()};
+  auto random = [](size_t n) {
+    static constexpr char kChars[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    std::string s;
+    for (size_t i = 0; i < n; ++i) s += kChars[rng() % 62];
+    return s;
+  };
+  AccessKey key{"STS.NT" + random(22), random(40), "CAIS" + random(120), expiration};
+  std::lock_guard lock(mutex_);
+  // Keys expired for long can no longer pass any check worth a distinct answer.
+  const auto now = std::chrono::system_clock::now();
+  for (auto it = keys_.begin(); it != keys_.end();)
+    it = it->second.expiration && *it->second.expiration + std::chrono::hours(1) < now ? keys_.erase(it) : std::next(it);
+  keys_[key.id] = key;
+  return key;
+}
+
 Authenticator::Authenticator(std::vector<AccessKey> keys, std::chrono::seconds maxSkew) : maxSkew_(maxSkew) {
   for (auto& k : keys) keys_[k.id] = std::move(k);
 }
@@ -31,7 +51,8 @@ AuthResult Authenticator::Verify(const RequestView& request, timefmt::WallTime n
   throw BadRequest("MissingAuthorization", "Authorization is mandatory for this action.");
 }
 
-const AccessKey& Authenticator::FindKey(const std::string& id) const {
+AccessKey Authenticator::FindKey(const std::string& id) const {
+  std::lock_guard lock(mutex_);
   auto it = keys_.find(id);
   if (it == keys_.end()) throw NotFound("InvalidAccessKeyId.NotFound", "Specified access key is not found.");
   return it->second;
@@ -78,7 +99,7 @@ void Authenticator::ForgetNonces() {
 
 AuthResult Authenticator::VerifyV2(const RequestView& request, timefmt::WallTime now) {
   const Params& p = *request.params;
-  const AccessKey& key = FindKey(p.Required("AccessKeyId"));
+  const AccessKey key = FindKey(p.Required("AccessKeyId"));
   auto method = p.GetOr("SignatureMethod", "HMAC-SHA1");
   if (method != "HMAC-SHA1") {
     throw BadRequest("InvalidSignatureMethod", "Specified signature method \"" + method + "\" is not supported.");
@@ -109,7 +130,7 @@ AuthResult Authenticator::VerifyV3(const RequestView& request, timefmt::WallTime
     throw BadRequest("InvalidSignatureMethod",
                      "Specified signature method \"" + auth->algorithm + "\" is not supported.");
   }
-  const AccessKey& key = FindKey(auth->accessKeyId);
+  const AccessKey key = FindKey(auth->accessKeyId);
 
   // The signature must cover the headers that make a request unique and bind it to us.
   for (const char* required : {"host", "x-acs-action", "x-acs-version", "x-acs-date", "x-acs-signature-nonce",

@@ -49,17 +49,21 @@ class Authenticator {
   AuthResult Verify(const RequestView& request, timefmt::WallTime now);
   void ForgetNonces();
 
+  // A new STS-style key ("STS." id, random secret and token) valid until `expiration`;
+  // a request signed with it after that is refused with InvalidSecurityToken.Expired.
+  AccessKey IssueTemporary(timefmt::WallTime expiration);
+
  private:
   AuthResult VerifyV2(const RequestView& request, timefmt::WallTime now);
   AuthResult VerifyV3(const RequestView& request, timefmt::WallTime now);
-  const AccessKey& FindKey(const std::string& id) const;
+  AccessKey FindKey(const std::string& id) const;
   void CheckTimestamp(const std::string& value, const std::string& name, timefmt::WallTime now) const;
   void CheckToken(const AccessKey& key, const std::optional<std::string>& token, timefmt::WallTime now) const;
   void ConsumeNonce(const std::string& keyId, const std::string& nonce, timefmt::WallTime now);
 
-  std::map<std::string, AccessKey> keys_;
   std::chrono::seconds maxSkew_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;  // keys_ (temporary keys are added while serving) and nonces_
+  std::map<std::string, AccessKey> keys_;
   std::map<std::string, timefmt::WallTime> nonces_;  // "keyId\nnonce" -> forget after
 };
 

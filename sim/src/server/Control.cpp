@@ -20,9 +20,11 @@ json Info(World& world) {
           {"byIdDir", world.dataPlane().ByIdDir().string()},
           {"stateDir", world.dataPlane().StateDir().string()},
           {"proxyInstanceId", world.store().proxyInstanceId},
+          {"proxyRegionId", world.store().instances.count(world.store().proxyInstanceId) ? world.store().instances.at(world.store().proxyInstanceId).regionId : ""},
           {"accessKeyId", keys.empty() ? "" : keys.front().id},
           {"accessKeySecret", keys.empty() ? "" : keys.front().secret},
           {"timeScale", world.clock().Scale()},
+          {"credentialsIssued", world.credentialsIssued.load()},
           {"apiVersion", "2014-05-26"}};
 }
 
@@ -88,6 +90,12 @@ api::HttpReply HandleControl(World& world, const std::string& method, const std:
         if (!error.empty()) return Error(400, error);
         return Json(200, world.faults().Describe());
       }
+    }
+    if (path == "/_sim/throttle" && method == "POST") {
+      json parsed = json::parse(body, nullptr, false);
+      std::string error = world.throttle().Configure(parsed);
+      if (!error.empty()) return Error(400, error);
+      return Json(200, json::object());
     }
     if (path == "/_sim/reset" && method == "POST") {
       std::string error = world.Reset();

@@ -18,6 +18,24 @@ std::string NewToken() {
   return token + "==";
 }
 
+// The proxy's RAM role: its name at the folder, fresh temporary credentials at the role.
+// Every fetch hands out new credentials with a full life; the real service rotates them
+// on its own schedule, which a client must not depend on either way.
+api::HttpReply RamRoleCredentials(World& world, const std::string& role) {
+  const std::string& attached = world.config().ramRoleName;
+  if (attached.empty()) return Text(404, "Not Found");
+  if (role.empty()) return Text(200, attached);
+  if (role != attached) return Text(404, "Not Found");
+  api::AccessKey key = world.IssueTemporaryKey(world.config().roleCredentialSeconds);
+  nlohmann::json doc = {{"AccessKeyId", key.id},
+                        {"AccessKeySecret", key.secret},
+                        {"SecurityToken", key.securityToken},
+                        {"Expiration", timefmt::Iso8601(*key.expiration, true)},
+                        {"LastUpdated", timefmt::Iso8601(world.clock().WallNow(), true)},
+                        {"Code", "Success"}};
+  return {200, "text/plain", doc.dump()};
+}
+
 }  // namespace
 
 api::HttpReply HandleMetadata(World& world, const std::string& method, const std::string& path,
@@ -44,6 +62,9 @@ api::HttpReply HandleMetadata(World& world, const std::string& method, const std
   } else if (world.metadataTokenRequired) {
     return Text(401, "Unauthorized");
   }
+
+  constexpr std::string_view kRamPrefix = "/latest/meta-data/ram/security-credentials/";
+  if (path.rfind(kRamPrefix, 0) == 0) return RamRoleCredentials(world, path.substr(kRamPrefix.size()));
 
   auto lock = world.store().Lock();
   auto& store = world.store();

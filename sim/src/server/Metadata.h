@@ -4,6 +4,9 @@
 // (PUT /latest/api/token with X-aliyun-ecs-metadata-token-ttl-seconds: 1..21600).
 // A request that presents a token must present a valid, unexpired one (401 otherwise);
 // when World::metadataTokenRequired is set every request needs one.
+// meta-data/ram/security-credentials/ lists the proxy's RAM role (WorldConfig::ramRoleName)
+// and .../<role> hands out temporary credentials the API accepts until their Expiration
+// (WorldConfig::roleCredentialSeconds, time-scaled).
 #pragma once
 
 #include "api/Response.h"

@@ -1,6 +1,7 @@
 #include "server/RpcPipeline.h"
 
 #include "actions/Registry.h"
+#include "server/Sts.h"
 
 namespace hxsim::server {
 
@@ -42,6 +43,48 @@ faults::Decision HeaderFault(const sig::HeaderMap& headers) {
 
 }  // namespace
 
+namespace {
+
+// Checks version, signature and injected faults, then runs the action; fills
+// outcome.latency/drop and returns the response fields. Throws api::ApiError.
+nlohmann::json Dispatch(World& world, const RawRequest& request, const api::Params& params, RpcOutcome& outcome) {
+  const std::string version = params.GetOr("Version", Header(request.headers, "x-acs-version").value_or(""));
+  if (outcome.action.empty()) throw api::MissingParameter("Action");
+  if (version.empty()) throw api::MissingParameter("Version");
+  const bool sts = IsStsAction(outcome.action);
+  if (version != (sts ? kStsVersion : kApiVersion)) {
+    throw api::BadRequest("InvalidVersion", "Specified parameter Version is not valid.");
+  }
+  const auto& handlers = actions::Handlers();
+  auto handler = handlers.find(outcome.action);
+  if (!sts && handler == handlers.end()) {
+    throw api::NotFound("InvalidAction.NotFound", "Specified api is not found, please check your url and method.");
+  }
+
+  std::string caller;
+  if (!(sts && IsAnonymousStsAction(outcome.action))) {
+    api::RequestView view{request.method, request.path.empty() ? "/" : request.path, &params, &request.headers,
+                          &request.body};
+    caller = world.auth().Verify(view, world.clock().WallNow()).accessKeyId;
+  }
+
+  if (auto refused = world.throttle().Admit(outcome.action)) throw *refused;
+  faults::Decision fault = HeaderFault(request.headers);
+  faults::Decision ruled = world.faults().Decide(outcome.action);
+  outcome.latency = fault.latency + ruled.latency;
+  outcome.drop = fault.drop || ruled.drop;
+  if (fault.error) throw *fault.error;
+  if (ruled.error) throw *ruled.error;
+
+  if (sts) return HandleSts(world, outcome.action, params, caller);
+  auto lock = world.store().Lock();
+  world.store().Advance();
+  actions::Context ctx{world.store(), world.faults(), params, outcome.action};
+  return handler->second(ctx);
+}
+
+}  // namespace
+
 RpcOutcome HandleRpc(World& world, const RawRequest& request) {
   const auto started = std::chrono::steady_clock::now();
   RpcOutcome outcome;
@@ -53,34 +96,7 @@ RpcOutcome HandleRpc(World& world, const RawRequest& request) {
 
   try {
     outcome.action = params.GetOr("Action", Header(request.headers, "x-acs-action").value_or(""));
-    const std::string version = params.GetOr("Version", Header(request.headers, "x-acs-version").value_or(""));
-    if (outcome.action.empty()) throw api::MissingParameter("Action");
-    if (version.empty()) throw api::MissingParameter("Version");
-    if (version != kApiVersion) throw api::BadRequest("InvalidVersion", "Specified parameter Version is not valid.");
-    const auto& handlers = actions::Handlers();
-    auto handler = handlers.find(outcome.action);
-    if (handler == handlers.end()) {
-      throw api::NotFound("InvalidAction.NotFound", "Specified api is not found, please check your url and method.");
-    }
-
-    api::RequestView view{request.method, request.path.empty() ? "/" : request.path, &params, &request.headers,
-                          &request.body};
-    world.auth().Verify(view, world.clock().WallNow());
-
-    faults::Decision fault = HeaderFault(request.headers);
-    faults::Decision ruled = world.faults().Decide(outcome.action);
-    outcome.latency = fault.latency + ruled.latency;
-    outcome.drop = fault.drop || ruled.drop;
-    if (fault.error) throw *fault.error;
-    if (ruled.error) throw *ruled.error;
-
-    nlohmann::json result;
-    {
-      auto lock = world.store().Lock();
-      world.store().Advance();
-      actions::Context ctx{world.store(), world.faults(), params, outcome.action};
-      result = handler->second(ctx);
-    }
+    nlohmann::json result = Dispatch(world, request, params, outcome);
     outcome.reply = api::SuccessReply(std::move(result), requestId, outcome.action, xml);
   } catch (const api::ApiError& e) {
     outcome.reply = api::ErrorReply(e.status, e.code, e.message, requestId, hostId, xml);

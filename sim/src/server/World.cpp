@@ -33,6 +33,13 @@ World::World(WorldConfig config)
       auth_(config_.scenario.accessKeys),
       faults_(config_.seed) {}
 
+api::AccessKey World::IssueTemporaryKey(double seconds) {
+  const auto life = std::chrono::duration_cast<std::chrono::system_clock::duration>(clock_.Scaled(seconds));
+  api::AccessKey key = auth_.IssueTemporary(clock_.WallNow() + life);
+  ++credentialsIssued;
+  return key;
+}
+
 std::string World::Reset() {
   try {
     auto lock = store_.Lock();
@@ -44,6 +51,7 @@ std::string World::Reset() {
   }
   auth_.ForgetNonces();
   faults_.Clear();
+  throttle_.Clear();
   counter_.Clear();
   {
     std::lock_guard lock(metadataMutex);

@@ -16,6 +16,7 @@
 #include "model/Clock.h"
 #include "model/Store.h"
 #include "scenario/Scenario.h"
+#include "server/Throttle.h"
 
 namespace hxsim::server {
 
@@ -38,6 +39,8 @@ struct WorldConfig {
   uint64_t seed = 1;
   scenario::Scenario scenario;
   std::function<void(const std::string&)> requestLog;  // may be empty; thread-safe
+  std::string ramRoleName;            // the proxy's RAM role; empty = none
+  double roleCredentialSeconds = 3600;  // at scale 1
 };
 
 class World {
@@ -56,6 +59,7 @@ class World {
   api::Authenticator& auth() { return auth_; }
   faults::Faults& faults() { return faults_; }
   CallCounter& counter() { return counter_; }
+  Throttle& throttle() { return throttle_; }
 
   // "http://127.0.0.1:<port>", set once the server listens; guarded by the store lock.
   std::string endpoint;
@@ -65,6 +69,11 @@ class World {
   std::map<std::string, model::SteadyTime> metadataTokens;
   std::atomic<bool> metadataTokenRequired{false};
 
+  // New temporary credentials that the authenticator accepts until `seconds` (at scale
+  // 1, stretched by the time scale) have passed. Counted in credentialsIssued.
+  api::AccessKey IssueTemporaryKey(double seconds);
+  std::atomic<int> credentialsIssued{0};
+
  private:
   WorldConfig config_;
   model::Clock clock_;
@@ -73,6 +82,7 @@ class World {
   api::Authenticator auth_;
   faults::Faults faults_;
   CallCounter counter_;
+  Throttle throttle_{clock_};
 };
 
 }  // namespace hxsim::server
