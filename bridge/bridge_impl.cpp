@@ -1,6 +1,7 @@
 #include "bridge_impl.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <iostream>
 #include <set>
@@ -56,6 +57,14 @@ const char* NotFoundCode(int kind) {
         case 2: return "InvalidSnapshotId.NotFound";
         default: return "InvalidImageId.NotFound";
     }
+}
+
+// The codes of a private address ECS will not give: InvalidPrivateIpAddress*,
+// InvalidIpAddress* and InvalidIPAddress* (AlreadyUsed); ECS is not consistent about case.
+bool IsAddressRefusal(const std::string& code) {
+    std::string lower = code;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+    return lower.rfind("invalidprivateipaddress", 0) == 0 || lower.rfind("invalidipaddress", 0) == 0;
 }
 
 const char* KindName(int kind) {
@@ -703,7 +712,7 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
         return id;
     };
     // The old address is asked for first. ECS refuses it when another instance holds it
-    // (InvalidPrivateIpAddress.Duplicated), when it is outside the vSwitch's block
+    // (InvalidIPAddress.AlreadyUsed, with a capital IP), when it is outside the vSwitch's block
     // (InvalidPrivateIpAddress) or malformed; the restore then goes on with an address ECS
     // picks, since the instance matters more than its address. An address is only
     // meaningful within its vSwitch (ECS refuses it alone), so without one it is dropped.
@@ -714,7 +723,7 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
         try {
             id = create(withIp);
         } catch (const ApiError& e) {
-            if (e.code().rfind("InvalidPrivateIpAddress", 0) != 0 && e.code().rfind("InvalidIpAddress", 0) != 0) throw;
+            if (!IsAddressRefusal(e.code())) throw;
         }
     }
     if (id.empty()) id = create(p);

@@ -93,9 +93,17 @@ TEST(PlatformNames, FromDisplayNames) {
         {"CentOS 7.9 64位", "CentOS"},
         {"CentOS Stream 9 64 bit", "CentOS Stream"},
         {"Alibaba Cloud Linux 3.2104 LTS 64 bit", "Aliyun"},
-        {"Windows Server 2012 R2 数据中心版 64位中文版", "Windows Server 2012 R2"},
+        {"Windows Server 2012 R2 数据中心版 64位中文版", "Windows Server 2012"},
+        {"Windows Server  2016 Datacenter Edition 64bit Chinese Edition", "Windows Server 2016"},
+        {"Windows Server  2008 R2 Enterprise 64bit", "Windows Server 2008"},
         {"Windows 11", "Windows Server 2022"},
         {"Red Hat Enterprise Linux 9", "RedHat"},
+        {"Kylin Linux Advanced Server V10", "Kylin"},
+        {"UOS Server 20 1070e", "UOS"},
+        {"Gentoo 2.14", "Gentoo"},
+        {"Fedora CoreOS 39", "Fedora CoreOS"},
+        {"Fedora 39 64 bit", "Fedora"},
+        {"openSUSE 15.5 64 bit", "OpenSUSE"},
         {"Arch Linux", "Others Linux"},
     };
     for (const auto& c : cases) EXPECT_EQ(ImagePlatformFor(c.os), c.platform) << c.os;

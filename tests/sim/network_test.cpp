@@ -198,7 +198,7 @@ TEST_F(NetworkTest, CreateInstanceRefusesUnusableAddressesAndCreatesNothing) {
     const char* code;
   } cases[] = {
       {"address of another instance", {{"VSwitchId", "vsw-hxsimr1-a"}, {"PrivateIpAddress", taken}}, 400,
-       "InvalidPrivateIpAddress.Duplicated"},
+       "InvalidIPAddress.AlreadyUsed"},
       {"address of the zone's other vSwitch", {{"VSwitchId", "vsw-hxsimr1-a"}, {"PrivateIpAddress", "172.16.16.9"}},
        400, "InvalidPrivateIpAddress"},
       {"the block's network address", {{"VSwitchId", "vsw-hxsimr1-a"}, {"PrivateIpAddress", "172.16.0.0"}}, 400,
@@ -241,7 +241,7 @@ TEST_F(NetworkTest, AnAddressIsTakenOnlyWithinItsVSwitchAndOnlyWhileItsInstanceE
   ASSERT_EQ(first.status, 200) << first.raw;
   const std::string id = first.body["InstanceId"];
   EXPECT_EQ(Create({{"VSwitchId", "vsw-hxsimr1-a"}, {"PrivateIpAddress", "172.16.9.9"}}).code(),
-            "InvalidPrivateIpAddress.Duplicated");
+            "InvalidIPAddress.AlreadyUsed");
   for (int i = 0; i < 200 && Instance(id)["Status"] != "Stopped"; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   ASSERT_EQ(client->Call("DeleteInstance", {{"InstanceId", id}}).status, 200);
   auto again = Create({{"VSwitchId", "vsw-hxsimr1-a"}, {"PrivateIpAddress", "172.16.9.9"}});

@@ -65,6 +65,17 @@ json CreateImage(Context& ctx) {
     throw api::InvalidParameter("Architecture");
   }
   image.platform = p.GetOr("Platform", "Others Linux");
+  // The values CreateImage accepts; anything else (a display name, "Windows Server 2012 R2")
+  // is refused as ECS does.
+  static const std::vector<std::string> kPlatforms = {
+      "Aliyun",      "Anolis",      "CentOS",       "CentOS Stream",       "Ubuntu",              "Debian",
+      "SUSE",        "OpenSUSE",    "RedHat",       "Fedora",              "Fedora CoreOS",       "CoreOS",
+      "FreeBSD",     "AlmaLinux",   "Rocky Linux",  "Kylin",               "UOS",                 "Gentoo",
+      "Customized Linux", "Others Linux", "Windows Server 2003", "Windows Server 2008", "Windows Server 2012",
+      "Windows Server 2016", "Windows Server 2019", "Windows Server 2022"};
+  if (std::find(kPlatforms.begin(), kPlatforms.end(), image.platform) == kPlatforms.end()) {
+    throw BadRequest("InvalidPlatform.Malformed", "The specified parameter Platform is not valid.");
+  }
   image.osName = image.platform;
   image.bootMode = p.GetOr("BootMode", "UEFI-Preferred");
   if (image.platform.rfind("Windows", 0) == 0) image.osType = "windows";

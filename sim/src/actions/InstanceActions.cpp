@@ -186,7 +186,8 @@ void PlanNetwork(Context& ctx, LaunchPlan& plan, const std::string& vswitchId, i
     throw BadRequest("InvalidPrivateIpAddress", "Specified private IP address is not in the CIDR block of virtual switch.");
   }
   if (store.AddressHolder(plan.vswitch->id, requested)) {
-    throw BadRequest("InvalidPrivateIpAddress.Duplicated", "Specified private IP address is duplicated.");
+    // What ECS answers for an address another resource holds (note the capital "IP").
+    throw BadRequest("InvalidIPAddress.AlreadyUsed", "The specified IP address is already in use.");
   }
   plan.addresses = {requested};
 }

@@ -1,6 +1,8 @@
 #include "actions/Registry.h"
 
 #include <algorithm>
+#include <optional>
+#include <vector>
 
 namespace hxsim::actions {
 
@@ -68,10 +70,41 @@ void RememberClientToken(Context& ctx, const json& result) {
   ctx.store.clientTokens[TokenKey(ctx, token)] = {ctx.params.Fingerprint(), result.dump()};
 }
 
+namespace {
+// UTF-8 code points of `s`; nullopt for a malformed sequence.
+std::optional<std::vector<char32_t>> CodePoints(const std::string& s) {
+  std::vector<char32_t> out;
+  for (size_t i = 0; i < s.size();) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    const int extra = c < 0x80 ? 0 : (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xE ? 2 : (c >> 3) == 0x1E ? 3 : -1;
+    if (extra < 0 || i + extra >= s.size()) return std::nullopt;
+    char32_t cp = extra == 0 ? c : (c & (0x3F >> extra));
+    for (int k = 1; k <= extra; ++k) {
+      const unsigned char next = static_cast<unsigned char>(s[i + k]);
+      if ((next & 0xC0) != 0x80) return std::nullopt;
+      cp = (cp << 6) | (next & 0x3F);
+    }
+    out.push_back(cp);
+    i += extra + 1;
+  }
+  return out;
+}
+bool IsLetter(char32_t c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool IsChinese(char32_t c) { return (c >= 0x4E00 && c <= 0x9FFF) || (c >= 0x3400 && c <= 0x4DBF); }
+}  // namespace
+
+// ECS's name rule: 2-128 characters; a letter or a Chinese character first; then letters,
+// Chinese characters, digits, ':', '_', '.', '-'; never http:// or https:// at the start.
 void CheckName(const std::string& value, const std::string& code, bool allowEmpty) {
   if (value.empty() && allowEmpty) return;
-  bool ok = value.size() >= 2 && value.size() <= 128 && std::isalpha(static_cast<unsigned char>(value[0])) &&
-            value.rfind("http://", 0) != 0 && value.rfind("https://", 0) != 0;
+  const auto chars = CodePoints(value);
+  bool ok = chars && chars->size() >= 2 && chars->size() <= 128 &&
+            (IsLetter(chars->front()) || IsChinese(chars->front())) && value.rfind("http://", 0) != 0 &&
+            value.rfind("https://", 0) != 0;
+  for (size_t i = 0; ok && i < chars->size(); ++i) {
+    const char32_t c = (*chars)[i];
+    ok = IsLetter(c) || IsChinese(c) || (c >= '0' && c <= '9') || c == ':' || c == '_' || c == '.' || c == '-';
+  }
   if (!ok) throw BadRequest(code, "The specified name is not valid.");
 }
 
