@@ -171,6 +171,25 @@ TEST_F(SafetyE2E, ConnectionFailuresNameTheirCause) {
     env_ = saved;
 }
 
+// ECS throttles per action per minute, and a throttled caller waits into the next minute:
+// a backup under such limits on every action still succeeds and leaves nothing.
+TEST_F(SafetyE2E, ABackupUnderPerMinuteThrottlingOnEveryActionSucceeds) {
+    json ignored;
+    std::string error;
+    ASSERT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "POST", "/_sim/throttle", json{{"perMinute", 4}}.dump(), ignored,
+                                    error))
+        << error;
+    hxagent::Manifest m;
+    EXPECT_FALSE(Backup("db-01", m).empty());
+    const json calls = Calls();
+    int throttled = 0;
+    for (const auto& [action, counts] : calls["actions"].items()) throttled += counts.value("errors", 0);
+    EXPECT_GT(throttled, 0) << "the throttle never bit: " << calls.dump();
+    ASSERT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "POST", "/_sim/throttle", json{{"perMinute", 0}}.dump(), ignored,
+                                    error));
+    ExpectNothingLeft();
+}
+
 // The state folder is private whatever the umask, and two jobs asking for one id (as two
 // jobs of one second do) get two ids and two log files.
 TEST_F(SafetyE2E, StateIsPrivateAndJobIdsAreUnique) {
