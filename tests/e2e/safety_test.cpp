@@ -137,7 +137,8 @@ TEST_F(SafetyE2E, CleanupLeavesAloneWhatTheRegistryNamesButThisProxyDidNotMake) 
     ASSERT_EQ(c.doc["leftAlone"].size(), 1u) << c.out;
     EXPECT_EQ(c.doc["leftAlone"][0].value("id", ""), snapshot.snapshotId);
     bool exists = false;
-    for (const auto& s : State()["snapshots"]) exists |= s.value("SnapshotId", "") == snapshot.snapshotId;
+    const json after = State();
+    for (const auto& s : after["snapshots"]) exists |= s.value("SnapshotId", "") == snapshot.snapshotId;
     EXPECT_TRUE(exists) << "cleanup deleted a snapshot this proxy never made";
     EXPECT_TRUE(ChangingCalls() == std::vector<std::string>{"CreateSnapshot"}) << Calls().dump();
 }
