@@ -24,5 +24,6 @@ if [ "$#" -eq 0 ]; then
   walk=build-walk
   cmake -S . -B "$walk" -DCMAKE_BUILD_TYPE=Release -DHX_BUILD_TESTS=ON
   cmake --build "$walk" -j"$(nproc)" --target e2e_kill_walk_tests hxagent AliCloudInfo HXAliCloudSDKCppBridge
-  ctest --test-dir "$walk" --output-on-failure -j"$(nproc)" -R 'KillWalk'
+  # The walks wait on the emulator's time-scaled transitions as much as they compute.
+  ctest --test-dir "$walk" --output-on-failure -j4 -R 'KillWalk'
 fi

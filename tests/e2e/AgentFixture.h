@@ -122,6 +122,7 @@ private:
 class AgentE2E : public ::testing::Test {
 protected:
     virtual std::string Scenario() { return {}; }
+    virtual double TimeScale() { return kTimeScale; }
 
     void SetUp() override {
         dir_ = (fs::temp_directory_path() /
@@ -132,7 +133,7 @@ protected:
         fs::create_directories(dir_ + "/home");
         hxsim::Options o;
         o.stateDir = dir_ + "/sim";
-        o.timeScale = kTimeScale;
+        o.timeScale = TimeScale();
         // Runs on the emulator's threads after a call was performed and before its answer is
         // sent: a kill here is a crash "right after call k", with the answer lost.
         o.requestLog = [this](const std::string&) {

@@ -50,6 +50,8 @@ std::string Join(const std::vector<std::string>& v) {
 
 class KillWalkE2E : public AgentE2E {
 protected:
+    // Hundreds of jobs: every cloud transition and poll interval shortened further.
+    double TimeScale() override { return 0.003; }
     std::string Scenario() override {
         json s = json::parse(hxsim::Emulator::DefaultScenarioJson());
         for (auto& i : s["instances"]) {
