@@ -232,6 +232,8 @@ int RunCli(int argc, char** argv) {
     demo->add_option("--instance", demoOpt.instance, "Instance of the demo world to back up")->capture_default_str();
     demo->add_option("--restore-name", demoOpt.restoreName, "Name of the restored instance (default: <name>-restored)");
     demo->add_option("--to", demoOpt.destination, "Keep the backup in this folder (default: a temporary one)");
+    demo->add_option("--repo", demoOpt.repository,
+                     "Restic repository for the repository part (default: a new one in the state folder)");
 
     try {
         app.parse(argc, argv);
