@@ -25,7 +25,7 @@ std::uint64_t TagNumber(const RepoSnapshot& s, const std::string& prefix) {
 
 CatalogueEntry EntryOf(const RepoSnapshot& s) {
     CatalogueEntry e;
-    e.id = s.id;
+    e.id = s.shortId;  // the form restic prints and `restic backup --json` reports
     e.time = s.time.substr(0, 19) + (s.time.size() >= 19 ? "Z" : "");
     e.instanceId = s.Tag("hxinstance");
     e.disks = static_cast<int>(TagNumber(s, "hxdisks"));
