@@ -97,91 +97,136 @@ Restic FreshRepository(const std::string& path) {
     return restic;
 }
 
+struct Run {
+    std::string dir, image, config;
+    std::uint64_t size = 0;
+    int reps = 3;
+    std::vector<double> ours, direct, restoreOurs, restoreDirect;
+    std::uint64_t firstAdded = 0, secondAdded = 0;
+};
+
+// Runs a and b in turn, alternating which goes first: evens out cache and load effects.
+template <class A, class B>
+void Alternate(int rep, A a, B b) {
+    if (rep % 2 == 0) {
+        a();
+        b();
+    } else {
+        b();
+        a();
+    }
+}
+
+// The restore side, from the backup `snapshot` of repository `restic`.
+void MeasureRestores(Run& run, const Restic& restic, RepositoryWriter& writer, const std::string& snapshot,
+                     const std::string& sha256) {
+    Manifest m;
+    m.instanceId = "i-bench";
+    m.configFile = "config.json";
+    ManifestDisk d;
+    d.id = "d-bench";
+    d.image = "d-bench.img";
+    d.size = run.size;
+    d.diskSize = static_cast<std::int64_t>((run.size + (1ull << 30) - 1) >> 30);
+    d.sha256 = sha256;
+    d.snapshot = snapshot;
+    d.isOSDisk = true;
+    m.disks.push_back(d);
+    std::string error, backupId;
+    if (!writer.PutConfig(run.config, m.configFile, m.configSnapshot, error) || !writer.Commit(m, backupId, error))
+        Die(error);
+    StoredBackup stored;
+    if (!StoredBackup::Load(restic, backupId, stored, error)) Die(error);
+    const std::string target = run.dir + "/target";
+    for (int rep = 0; rep < run.reps; ++rep) {
+        Alternate(
+            rep,
+            [&] {
+                fs::remove(target);
+                std::ofstream(target).close();
+                fs::resize_file(target, run.size);  // a fresh, zeroed disk (untimed)
+                auto t = Clock::now();
+                MoveResult back = stored.ReadDisk(stored.manifest().disks.front(), target, {});
+                run.restoreOurs.push_back(Seconds(t));
+                if (!back.ok) Die(back.error);
+            },
+            [&] {
+                auto t = Clock::now();
+                if (Spawn({"restic", "--repo", restic.repository(), "dump", "--no-lock", snapshot,
+                           "/i-bench/d-bench.img"},
+                          "/dev/null", "/dev/null") != 0)
+                    Die("restic dump failed");
+                run.restoreDirect.push_back(Seconds(t));
+            });
+    }
+}
+
+// The backup side; the last repetition goes on with a second backup and the restores.
+void MeasureBackups(Run& run) {
+    for (int rep = 0; rep < run.reps; ++rep) {
+        Restic a = FreshRepository(run.dir + "/repo-a");
+        Restic b = FreshRepository(run.dir + "/repo-b");
+        RepositoryWriter writer(a, "i-bench", "bench", "bench", NewBackupKey("bench"));
+        std::string snapshot;
+        MoveResult moved;
+        Alternate(
+            rep,
+            [&] {
+                auto t = Clock::now();
+                moved = writer.PutDisk(run.image, run.size, "d-bench.img", {}, snapshot, run.firstAdded);
+                run.ours.push_back(Seconds(t));
+                if (!moved.ok) Die(moved.error);
+            },
+            [&] {
+                auto t = Clock::now();
+                if (Spawn({"restic", "--repo", b.repository(), "backup", "--stdin", "--stdin-filename",
+                           "d-bench.img", "-q"},
+                          run.image, "/dev/null") != 0)
+                    Die("restic backup --stdin failed");
+                run.direct.push_back(Seconds(t));
+            });
+        if (rep + 1 < run.reps) continue;
+        std::string again;
+        if (!writer.PutDisk(run.image, run.size, "d-bench.img", {}, again, run.secondAdded).ok)
+            Die("second backup failed");
+        MeasureRestores(run, a, writer, snapshot, moved.sha256);
+    }
+}
+
 }  // namespace
 
 int main() {
     const std::uint64_t mib = EnvNumber("HX_BENCH_FILE_MIB", 512);
-    const int reps = static_cast<int>(EnvNumber("HX_BENCH_REPS", 3));
     const char* base = std::getenv("HX_BENCH_DIR");
     const fs::path dir = fs::path(base ? base : "/tmp") / ("hx-bench-repo-" + std::to_string(::getpid()));
     fs::create_directories(dir);
     ::setenv("RESTIC_PASSWORD", "bench-only-password", 0);
     ::setenv("RESTIC_CACHE_DIR", (dir / "cache").c_str(), 1);
-    const std::string image = (dir / "disk.img").string(), config = (dir / "config.json").string();
-    MakeImage(image, mib);
-    std::ofstream(config) << "{}";
-    const std::uint64_t size = mib << 20;
+    Run run;
+    run.dir = dir.string();
+    run.image = run.dir + "/disk.img";
+    run.config = run.dir + "/config.json";
+    run.size = mib << 20;
+    run.reps = std::max(1, static_cast<int>(EnvNumber("HX_BENCH_REPS", 3)));
+    MakeImage(run.image, mib);
+    std::ofstream(run.config) << "{}";
+    MeasureBackups(run);
 
-    std::vector<double> ours, direct, restoreOurs, restoreDirect;
-    std::uint64_t firstAdded = 0, secondAdded = 0;
-    std::string backupId;
-    for (int rep = 0; rep < reps; ++rep) {
-        Restic a = FreshRepository((dir / "repo-a").string());
-        RepositoryWriter writer(a, "i-bench", "bench", "bench", NewBackupKey("bench"));
-        std::string snapshot;
-        auto t = Clock::now();
-        MoveResult moved = writer.PutDisk(image, size, "d-bench.img", {}, snapshot, firstAdded);
-        ours.push_back(Seconds(t));
-        if (!moved.ok) Die(moved.error);
-
-        Restic b = FreshRepository((dir / "repo-b").string());
-        t = Clock::now();
-        if (Spawn({"restic", "--repo", b.repository(), "backup", "--stdin", "--stdin-filename", "d-bench.img", "-q"},
-                  image, "/dev/null") != 0)
-            Die("restic backup --stdin failed");
-        direct.push_back(Seconds(t));
-
-        if (rep + 1 < reps) continue;
-        // The last repository of ours: a second, unchanged backup; then the restores.
-        std::string again;
-        if (!writer.PutDisk(image, size, "d-bench.img", {}, again, secondAdded).ok) Die("second backup failed");
-        Manifest m;
-        m.instanceId = "i-bench";
-        m.configFile = "config.json";
-        ManifestDisk d;
-        d.id = "d-bench";
-        d.image = "d-bench.img";
-        d.size = size;
-        d.diskSize = static_cast<std::int64_t>((size + (1ull << 30) - 1) >> 30);
-        d.sha256 = moved.sha256;
-        d.snapshot = snapshot;
-        d.isOSDisk = true;
-        m.disks.push_back(d);
-        std::string error;
-        if (!writer.PutConfig(config, m.configFile, m.configSnapshot, error) || !writer.Commit(m, backupId, error))
-            Die(error);
-        StoredBackup stored;
-        if (!StoredBackup::Load(a, backupId, stored, error)) Die(error);
-        for (int r = 0; r < reps; ++r) {
-            const std::string target = (dir / "target").string();
-            fs::remove(target);
-            std::ofstream(target).close();
-            fs::resize_file(target, size);  // a fresh, zeroed disk
-            t = Clock::now();
-            MoveResult back = stored.ReadDisk(stored.manifest().disks.front(), target, {});
-            restoreOurs.push_back(Seconds(t));
-            if (!back.ok) Die(back.error);
-            t = Clock::now();
-            if (Spawn({"restic", "--repo", a.repository(), "dump", "--no-lock", snapshot, "/i-bench/d-bench.img"},
-                      "/dev/null", "/dev/null") != 0)
-                Die("restic dump failed");
-            restoreDirect.push_back(Seconds(t));
-        }
-    }
-    const double mb = static_cast<double>(size) / 1e6;
+    const double mb = static_cast<double>(run.size) / 1e6;
     std::printf("disk image: %llu MiB (62.5%% random data, 12.5%% written zeros, 25%% hole), %d repetitions, medians\n",
-                static_cast<unsigned long long>(mib), reps);
-    std::printf("%-44s %9.1f MB/s\n", "backup: hxagent stream into restic", mb / Median(ours));
-    std::printf("%-44s %9.1f MB/s\n", "backup: restic backup --stdin < image", mb / Median(direct));
-    std::printf("%-44s %9.1f MB/s\n", "restore: hxagent from restic dump to a disk", mb / Median(restoreOurs));
-    std::printf("%-44s %9.1f MB/s\n", "restore: restic dump > /dev/null", mb / Median(restoreDirect));
-    std::printf("first backup added %llu bytes, second %llu bytes\n",
-                static_cast<unsigned long long>(firstAdded), static_cast<unsigned long long>(secondAdded));
+                static_cast<unsigned long long>(mib), run.reps);
+    std::printf("%-44s %9.1f MB/s\n", "backup: hxagent stream into restic", mb / Median(run.ours));
+    std::printf("%-44s %9.1f MB/s\n", "backup: restic backup --stdin < image", mb / Median(run.direct));
+    std::printf("%-44s %9.1f MB/s\n", "restore: hxagent from restic dump to a disk", mb / Median(run.restoreOurs));
+    std::printf("%-44s %9.1f MB/s\n", "restore: restic dump > /dev/null", mb / Median(run.restoreDirect));
+    std::printf("first backup added %llu bytes, second %llu bytes\n", static_cast<unsigned long long>(run.firstAdded),
+                static_cast<unsigned long long>(run.secondAdded));
     std::printf("RATIO backup throughput (hxagent / restic direct): %.3f (target >= 0.8)\n",
-                Median(direct) / Median(ours));
+                Median(run.direct) / Median(run.ours));
     std::printf("RATIO second backup adds (second / first):         %.5f (target < 0.01)\n",
-                static_cast<double>(secondAdded) / static_cast<double>(firstAdded));
-    std::printf("RATIO restore throughput (hxagent / restic dump):  %.3f\n", Median(restoreDirect) / Median(restoreOurs));
+                static_cast<double>(run.secondAdded) / static_cast<double>(run.firstAdded));
+    std::printf("RATIO restore throughput (hxagent / restic dump):  %.3f\n",
+                Median(run.restoreDirect) / Median(run.restoreOurs));
     fs::remove_all(dir);
     return 0;
 }
