@@ -42,7 +42,15 @@ std::string FindOnPath(const std::string& name) {
     return {};
 }
 
-int TempFd() { return ::open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600); }
+// An anonymous file for a child's output (a pipe could fill up while we feed its stdin).
+int TempFd() {
+    int fd = ::open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd >= 0) return fd;
+    char name[] = "/tmp/hxagent-restic-XXXXXX";  // file systems without O_TMPFILE
+    fd = ::mkostemp(name, O_CLOEXEC);
+    if (fd >= 0) ::unlink(name);
+    return fd;
+}
 
 std::string ReadAll(int fd, size_t limit) {
     std::string out;

@@ -15,6 +15,8 @@
 //   by `hxagent cleanup`, removes it).
 // - stderr of the child is kept (up to 64 KiB) for the error message; stdout is either
 //   captured (Run) or handed to the caller as a pipe (Start).
+// - The process must ignore SIGPIPE (hxagent does from the start): a restic that dies while
+//   we feed it shows up as a failed write, not as our death.
 // - Nothing throws; failures come back as text naming the restic command and its cause.
 // Thread safety: a Restic object is immutable after Locate and may be shared; a
 // ResticProcess belongs to one thread.

@@ -40,7 +40,7 @@ namespace {
 // never says "error 0 (No error)".
 TEST(Errors, AFailureWithoutACodeShowsItsDetailsNotErrorZero) {
     CVMInfo vm(VSI_TYPE_ALIBABA_CLOUD_ECS);
-    vm.SetLastVMError(0, "SignatureDoesNotMatch: bad key (RequestId R-1)");
+    vm.SetLastVMError(VMINFO_ERR_NONE, "SignatureDoesNotMatch: bad key (RequestId R-1)");
     const std::string line = FormatFailure(PluginFailure(vm, "Connect", "cannot connect"));
     EXPECT_EQ(line.find("error 0"), std::string::npos) << line;
     EXPECT_EQ(line, "cannot connect in Connect: SignatureDoesNotMatch: bad key (RequestId R-1)");

@@ -81,6 +81,8 @@ protected:
         // The test process reads the repository too (through hxagent's own restic driver).
         ::setenv("RESTIC_PASSWORD_FILE", (dir_ + "/password").c_str(), 1);
         ::setenv("RESTIC_CACHE_DIR", (dir_ + "/cache").c_str(), 1);
+        // Only this test's restic settings: none inherited (an earlier test's among them).
+        std::erase_if(env_, [](const std::string& v) { return v.rfind("RESTIC_", 0) == 0; });
         env_.push_back("RESTIC_PASSWORD_FILE=" + dir_ + "/password");
         env_.push_back("RESTIC_CACHE_DIR=" + dir_ + "/cache");
     }

@@ -51,7 +51,7 @@ TEST_F(RepositoryE2E, RestRepositoryThroughRcloneRoundTrips) {
 TEST_F(RepositoryE2E, ForgetKeepsExactlyTheBackupsItsRulesName) {
     std::vector<std::string> db;
     for (int i = 0; i < 3; ++i) db.push_back(BackupTo(repo_, "db-01"));
-    const std::string web = BackupTo(repo_, "web-02");
+    const std::string web = BackupTo(repo_, "web-01");
     for (const auto& id : db) ASSERT_FALSE(id.empty());
     const std::size_t partsBefore = Snapshots(repo_).size();
 
@@ -97,6 +97,13 @@ TEST_F(RepositoryE2E, VerifyReportsDamageInBothFormats) {
     const std::string folder = Backup("db-01", m);
     ASSERT_FALSE(folder.empty());
     EXPECT_EQ(Run({"verify", folder}).exitCode, 0);
+    // The catalogue of a plain folder: complete backups only.
+    fs::create_directories(dir_ + "/backups/" + m.instanceId + "/20000101T000000Z");  // no manifest
+    RunResult listed = Run({"backups", dir_ + "/backups"});
+    ASSERT_EQ(listed.exitCode, 0) << listed.out << listed.err;
+    ASSERT_EQ(listed.doc["backups"].size(), 1u) << listed.out;
+    EXPECT_EQ(listed.doc["backups"][0].value("id", ""), folder);
+    EXPECT_EQ(listed.doc["backups"][0].value("disks", 0), 2);
 
     auto flip = [](const std::string& path, std::uint64_t at) {
         std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
@@ -135,7 +142,7 @@ TEST_F(RepositoryE2E, VerifyReportsDamageInBothFormats) {
 // A backup killed while it streams a disk leaves nothing in the catalogue; cleanup removes
 // the stale repository lock, the unfinished backup's snapshots and the cloud objects.
 TEST_F(RepositoryE2E, KilledBackupLeavesNothingAndCleanupClearsItsLock) {
-    ASSERT_FALSE(BackupTo(repo_, "web-02").empty());  // creates the repository
+    ASSERT_FALSE(BackupTo(repo_, "web-01").empty());  // creates the repository
     const std::size_t snapshotsBefore = Snapshots(repo_).size();
     auto count = [](const std::string& dir) {
         std::error_code ec;
@@ -144,13 +151,16 @@ TEST_F(RepositoryE2E, KilledBackupLeavesNothingAndCleanupClearsItsLock) {
         return n;
     };
     auto child = Start({"backup", "app-01", "--repo", repo_});
-    // Killed once a first disk is stored and restic holds a lock for the next part.
-    bool streaming = false;
-    for (int i = 0; i < 20000 && child->Running() && !streaming; ++i) {
-        streaming = count(repo_ + "/snapshots") > snapshotsBefore && count(repo_ + "/locks") > 0;
-        if (!streaming) std::this_thread::sleep_for(2ms);
+    // Killed once a first disk is stored (and its restic gone) and the next disk's restic
+    // has taken its lock and streams.
+    int phase = 0;  // 0: first part stored, 1: its lock gone, 2: the next part's lock taken
+    for (int i = 0; i < 40000 && child->Running() && phase < 2; ++i) {
+        if (phase == 0 && count(repo_ + "/snapshots") > snapshotsBefore && count(repo_ + "/locks") == 0) phase = 1;
+        if (phase == 1 && count(repo_ + "/locks") > 0) phase = 2;
+        if (phase < 2) std::this_thread::sleep_for(1ms);
     }
-    ASSERT_TRUE(streaming) << "the backup never streamed a second part";
+    ASSERT_EQ(phase, 2) << "the backup never streamed a second part";
+    std::this_thread::sleep_for(100ms);
     child->Signal(SIGKILL);
     RunResult killed = child->Wait();
     EXPECT_EQ(killed.signal, SIGKILL);
@@ -169,7 +179,7 @@ TEST_F(RepositoryE2E, KilledBackupLeavesNothingAndCleanupClearsItsLock) {
 
 // Two hxagent processes with their own state folders write into one repository at once.
 TEST_F(RepositoryE2E, ConcurrentBackupsIntoOneRepositoryBothAppear) {
-    ASSERT_FALSE(BackupTo(repo_, "web-02").empty());
+    ASSERT_FALSE(BackupTo(repo_, "web-01").empty());
     auto args = [&](const std::string& state, const std::string& instance) {
         return std::vector<std::string>{"--state-dir", dir_ + "/" + state, "--json", "backup", instance, "--repo", repo_};
     };
