@@ -121,7 +121,7 @@ json RepositoryDemoResult::Json() const {
 void RepositoryDemoResult::Print() const {
     std::cout << "\nRepository " << repository << ":\n"
               << "  backup " << firstId.substr(0, 8) << ": " << FormatBytes(logicalBytes) << " of disks, "
-              << FormatBytes(firstAdded) << " added (compressed, deduplicated)\n"
+              << FormatBytes(firstAdded) << " of new data (deduplicated; restic counts it before compression)\n"
               << "  backup " << secondId.substr(0, 8) << ": " << FormatBytes(secondAdded) << " added\n"
               << "  restored " << secondId.substr(0, 8) << " as " << restoredInstance << ": " << identicalDisks << " of "
               << disks << " disks byte-identical\n";

@@ -26,7 +26,8 @@ struct CatalogueEntry {
     std::string instanceId;
     int disks = 0;
     std::uint64_t logicalBytes = 0;  // sum of the disks' sizes
-    std::uint64_t addedBytes = 0;    // repository: bytes the backup added; folder: bytes stored
+    std::uint64_t addedBytes = 0;    // repository: new data the backup added (restic's data_added,
+                                     // before compression); folder: non-zero bytes stored
     std::string host;                // repository: the proxy that wrote it
 };
 

@@ -223,6 +223,9 @@ std::unique_ptr<ResticProcess> Restic::Start(const std::vector<std::string>& arg
         error = std::string("cannot make a pipe for restic: ") + std::strerror(errno);
         return nullptr;
     }
+    // A disk streams through this pipe: 1 MiB instead of 64 KiB saves most context switches
+    // (best effort; the system's pipe-max-size may be lower).
+    ::fcntl(fds[0], F_SETPIPE_SZ, 1 << 20);
     std::unique_ptr<ResticProcess> p(new ResticProcess);
     p->errFd_ = TempFd();
     p->repository_ = repository_;
