@@ -186,7 +186,8 @@ int RunCli(int argc, char** argv) {
 
     // ---- backup ----
     BackupRequest backupReq;
-    auto* backup = app.add_subcommand("backup", "Back up an instance into DIR/<instance id>/<job stamp>/");
+    auto* backup = app.add_subcommand(
+        "backup", "Back up an instance into DIR/<instance id>/<job stamp>/ (--to) or a restic repository (--repo)");
     backup->add_option("instance", backupReq.instance, "Instance id (i-...) or exact name")->required();
     auto* backupTo = backup->add_option("--to", backupReq.destination, "Backup folder");
     RepositoryOptions backupRepo;

@@ -23,6 +23,20 @@ TEST_F(RepositoryE2E, LocalRepositoryRoundTripIsByteIdenticalAndIncremental) {
 
     RestoreAndCompare(repo_, b.substr(0, 8), "app-01-from-repo");
     ExpectNothingLeft();
+
+    // The restore's pre-flight runs on the manifest and configuration document read from
+    // the repository, before any data is read or anything is created.
+    const json before = State();
+    RunResult refused = Run({"restore", a, "--repo", repo_, "--name", "app-01-other", "--zone", "cn-hangzhou-i"});
+    EXPECT_EQ(refused.exitCode, 2) << refused.out << refused.err;
+    EXPECT_NE(refused.out.find("cn-hangzhou-i"), std::string::npos) << refused.out;
+    RunResult plan = Run({"restore", a, "--repo", repo_, "--name", "app-01-other", "--dry-run"});
+    EXPECT_EQ(plan.exitCode, 0) << plan.out << plan.err;
+    EXPECT_TRUE(plan.doc.value("dryRun", false)) << plan.out;
+    RunResult unknown = Run({"restore", "0badc0de", "--repo", repo_, "--name", "app-01-other"});
+    EXPECT_EQ(unknown.exitCode, 2) << unknown.out << unknown.err;
+    EXPECT_EQ(State()["instances"].size(), before["instances"].size());
+    EXPECT_EQ(State()["disks"].size(), before["disks"].size());
     EXPECT_FALSE(Leaks(password_, dir_, first.out + first.err + second.out + second.err));
 }
 
