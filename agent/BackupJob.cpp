@@ -6,7 +6,9 @@
 
 #include "DataMover.h"
 #include "OwnershipSweep.h"
+#include "Version.h"
 #include "hxruntime/HostApi.h"
+#include "storage/RepositoryBackupJob.h"
 
 namespace hxagent {
 
@@ -114,13 +116,28 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
         return out;
     }
     std::string folder;
-    if (!MakeBackupFolder(request.destination, instance.guid, JobStamp(startedAt), folder, error)) {
+    // A repository backup streams each disk into restic; its folder only stages the
+    // configuration document until the manifest goes in last.
+    SVMInfo proxy;
+    JobFailure noProxy;
+    const bool proxyKnown = context.Proxy(proxy, noProxy);
+    std::unique_ptr<RepositoryBackupJob> repo;
+    if (request.toRepository) {
+        repo = RepositoryBackupJob::Start(context, request.repository, request.createRepository, instance.guid,
+                                          proxyKnown ? proxy.guid : "unknown-proxy", JobStamp(startedAt), error);
+        if (!repo) {
+            fs::remove_all(work);
+            out.failure = LocalFailure(error, kExitUsage);
+            return out;
+        }
+        folder = repo->stage();
+    } else if (!MakeBackupFolder(request.destination, instance.guid, JobStamp(startedAt), folder, error)) {
         fs::remove_all(work);
         out.failure = LocalFailure(error);
         return out;
     }
 
-    context.record().SetBackupFolder(folder);  // a killed job's partial folder is found by cleanup
+    if (!repo) context.record().SetBackupFolder(folder);  // a killed job's partial folder is found by cleanup
 
     MountCtx ctx;  // one object for the whole job: the plug-in writes into it
     ctx.vmName = instance.name;
@@ -139,6 +156,9 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
     m.jobId = context.jobId() + jobIdOffset;
     m.jobStamp = fs::path(folder).filename().string();
     m.startedAt = IsoTime(startedAt);
+    m.proxyId = proxyKnown ? proxy.guid : "";
+    m.cloud = context.target().Describe();
+    m.agentVersion = kAgentVersion;
 
     bool ok = true;
     auto fail = [&](JobFailure f) {
@@ -146,7 +166,8 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
         ok = false;
     };
 
-    progress.Step("Backing up " + instance.guid + " (" + instance.name + ") into " + folder);
+    progress.Step("Backing up " + instance.guid + " (" + instance.name + ") into " +
+                  (repo ? "the repository " + repo->repositoryDisplay() : folder));
     progress.Step("Snapshotting the disks and making copies of them...");
     if (vm.MountVM(ctx) != 1) fail(PluginFailure(vm, "MountVM", "backup of " + instance.guid + " failed"));
     m.mountSeconds = Since(started);
@@ -215,7 +236,9 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
             MoveOptions mo;
             mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
             mo.cancelled = Cancelled;
-            moved = ReadToImage(opened.devicePath, static_cast<std::uint64_t>(size), folder + "/" + image, mo);
+            std::string snapshot;
+            moved = repo ? repo->PutDisk(opened.devicePath, static_cast<std::uint64_t>(size), image, mo, snapshot)
+                         : ReadToImage(opened.devicePath, static_cast<std::uint64_t>(size), folder + "/" + image, mo);
             progress.End(moved.ok);
             if (moved.ok) {
                 ManifestDisk d;
@@ -233,6 +256,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
                 d.sha256 = moved.sha256;
                 d.dataBytes = moved.dataBytes;
                 d.seconds = moved.seconds;
+                d.snapshot = snapshot;
                 m.disks.push_back(d);
             }
         }
@@ -270,12 +294,17 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
     if (ok) {
         m.totalSeconds = Since(started);
         m.finishedAt = IsoTime(NowSeconds());
-        if (!WriteManifest(folder, m, error)) fail(LocalFailure(error));
+        if (repo) {
+            if (!repo->Finish(m, out.backupId, error)) fail(LocalFailure(error));
+        } else if (!WriteManifest(folder, m, error)) {
+            fail(LocalFailure(error));
+        }
     }
     if (!ok) {
+        if (repo) repo->Abandon();
         fs::remove_all(folder, ec);
         std::error_code ignore;
-        fs::remove(fs::path(folder).parent_path(), ignore);  // only when empty
+        if (!repo) fs::remove(fs::path(folder).parent_path(), ignore);  // only when empty
         context.record().SetBackupFolder("");
         for (const auto& w : out.warnings) out.failure.details += (out.failure.details.empty() ? "" : "; ") + w;
         context.KeepState();
@@ -283,6 +312,11 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
     }
     context.record().SetBackupFolder("");
     out.ok = true;
+    if (repo) {
+        out.repository = repo->repositoryDisplay();
+        out.addedBytes = repo->added();
+        return out;
+    }
     out.folder = folder;
     return out;
 }
@@ -290,7 +324,8 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
 json BackupOutcomeJson(const BackupOutcome& o) {
     json j = {{"ok", o.ok}};
     if (o.ok) {
-        j["folder"] = o.folder;
+        if (o.backupId.empty()) j["folder"] = o.folder;
+        else j.update({{"backupId", o.backupId}, {"repository", o.repository}, {"addedBytes", o.addedBytes}});
         j["manifest"] = json::parse(ManifestToJson(o.manifest));
     } else {
         j["error"] = {{"operation", o.failure.operation},
@@ -312,7 +347,11 @@ void PrintBackupOutcome(const BackupOutcome& o) {
     }
     std::cout << "Backup of " << o.manifest.instanceId << " (" << o.manifest.instanceName << ") complete: "
               << o.manifest.disks.size() << " disk(s), " << FormatBytes(total) << " (" << FormatBytes(data)
-              << " of data) in " << FormatDuration(o.manifest.totalSeconds) << "\n  " << o.folder << "\n";
+              << " of data) in " << FormatDuration(o.manifest.totalSeconds) << "\n  "
+              << (o.backupId.empty() ? o.folder
+                                     : "backup " + o.backupId.substr(0, 8) + " in " + o.repository + ", " +
+                                           FormatBytes(o.addedBytes) + " added to the repository")
+              << "\n";
 }
 
 }  // namespace hxagent

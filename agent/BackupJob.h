@@ -15,6 +15,7 @@
 
 #include "Manifest.h"
 #include "Session.h"
+#include "storage/Restic.h"
 
 namespace hxagent {
 
@@ -22,12 +23,19 @@ struct BackupRequest {
     std::string instance;                   // id ("i-...") or exact name
     std::string destination;                // DIR
     std::vector<std::string> excludedDisks; // ids, names or glob patterns
+    // Set: stream into this restic repository instead of DIR (storage/RepositoryStore.h).
+    bool toRepository = false;
+    RepositoryLocation repository;
+    bool createRepository = false;          // --init: create the repository when missing
 };
 
 struct BackupOutcome {
     bool ok = false;
     JobFailure failure;
     std::string folder;    // the backup folder (when ok)
+    std::string backupId;  // repository backups: the id to restore, describe, verify
+    std::string repository;       // repository backups: the repository, without secrets
+    std::uint64_t addedBytes = 0; // repository backups: what the backup added to the repository
     Manifest manifest;
     std::vector<std::string> warnings;
 };

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "BackupJob.h"
@@ -16,6 +17,9 @@
 #include "RestoreJob.h"
 #include "Signals.h"
 #include "SimCommand.h"
+#include "commands/CatalogueCommands.h"
+#include "commands/RepositoryRestore.h"
+#include "storage/RepositoryCleanup.h"
 
 namespace hxagent {
 
@@ -98,16 +102,24 @@ void PrintPlan(const RestorePlan& plan, bool json, const AgentContext* context) 
 
 // `restore`: every check that can refuse comes first (name, backup, cloud), then the
 // checksums, then the job; nothing in the cloud changes before the job.
-int RestoreCommand(GlobalOptions g, const RestoreRequest& request, bool dryRun) {
+int RestoreCommand(GlobalOptions g, RestoreRequest request, bool dryRun, const RepositoryOptions& repo) {
     Progress progress(DetectOutputStyle(g.json));
     const std::string why = CheckInstanceName(request.name);
     if (!why.empty())
         return Fail(LocalFailure("restore refused: --name '" + request.name + "' " + why, kExitUsage), nullptr, g.json);
     Manifest manifest;
-    std::string error;
-    if (!ReadManifest(request.backupFolder, manifest, error))
+    std::string error, configText;
+    // From a repository, the manifest and the configuration document are read first, so the
+    // same checks run before any disk data is read.
+    if (!repo.repository.empty() && !LoadRepositoryBackup(repo, request, manifest, configText, error))
+        return Fail(LocalFailure("restore refused: " + error, kExitUsage), nullptr, g.json);
+    std::error_code noFolder;
+    if (repo.repository.empty() && !std::filesystem::is_directory(request.backupFolder, noFolder))
+        return Fail(LocalFailure("restore refused: no backup folder " + request.backupFolder, kExitUsage), nullptr,
+                    g.json);
+    if (repo.repository.empty() && !ReadManifest(request.backupFolder, manifest, error))
         return Fail(LocalFailure("restore refused: " + error), nullptr, g.json);
-    const std::string configText = ReadFile(request.backupFolder + "/" + manifest.configFile, error);
+    if (repo.repository.empty()) configText = ReadFile(request.backupFolder + "/" + manifest.configFile, error);
     if (!error.empty()) return Fail(LocalFailure("restore refused: " + error), nullptr, g.json);
     int status = kExitOk;
     g.command = "restore";
@@ -121,7 +133,7 @@ int RestoreCommand(GlobalOptions g, const RestoreRequest& request, bool dryRun) 
         PrintPlan(plan, g.json, context.get());
         return kExitOk;
     }
-    if (!VerifyBackup(request.backupFolder, manifest, progress, error))
+    if (!request.stored && !VerifyBackup(request.backupFolder, manifest, progress, error))
         return Fail(LocalFailure("restore refused: " + error), context.get(), g.json);
     RestoreOutcome out = RunRestore(*context, manifest, request, progress);
     if (!out.ok) return Fail(out.failure, context.get(), g.json);
@@ -183,18 +195,24 @@ int RunCli(int argc, char** argv) {
 
     // ---- backup ----
     BackupRequest backupReq;
-    auto* backup = app.add_subcommand("backup", "Back up an instance into DIR/<instance id>/<job stamp>/");
+    auto* backup = app.add_subcommand(
+        "backup", "Back up an instance into DIR/<instance id>/<job stamp>/ (--to) or a restic repository (--repo)");
     backup->add_option("instance", backupReq.instance, "Instance id (i-...) or exact name")->required();
-    backup->add_option("--to", backupReq.destination, "Backup folder")->required();
+    auto* backupTo = backup->add_option("--to", backupReq.destination, "Backup folder");
+    RepositoryOptions backupRepo;
+    AddRepositoryOptions(backup, backupRepo);
+    backup->add_flag("--init", backupReq.createRepository, "Create the --repo repository when it does not exist");
     backup->add_option("--exclude-disk", backupReq.excludedDisks,
                        "Leave a disk out: disk id, disk name or a glob pattern (repeatable)");
 
     // ---- restore ----
     RestoreRequest restoreReq;
     auto* restore = app.add_subcommand("restore", "Restore a backup folder as a new instance");
-    restore->add_option("backup", restoreReq.backupFolder, "Backup folder (the one holding manifest.json)")
-        ->required()
-        ->check(CLI::ExistingDirectory);
+    restore->add_option("backup", restoreReq.backupFolder,
+                        "Backup folder (the one holding manifest.json), or with --repo a backup id")
+        ->required();
+    RepositoryOptions restoreRepo;
+    AddRepositoryOptions(restore, restoreRepo);
     restore->add_option("--name", restoreReq.name, "Name of the restored instance")->required();
     restore->add_option("--region", restoreReq.region, "Destination region (default: the backed-up instance's)");
     restore->add_option("--zone", restoreReq.zone, "Destination zone, the proxy's (default: the backed-up instance's)");
@@ -209,6 +227,9 @@ int RunCli(int argc, char** argv) {
     bool dryRun = false;
     auto* cleanup = app.add_subcommand("cleanup", "Remove what interrupted jobs of this proxy left in the cloud");
     cleanup->add_flag("--dry-run", dryRun, "Only list what would be removed");
+    RepositoryOptions cleanupRepo;
+    AddRepositoryOptions(cleanup, cleanupRepo);
+    CatalogueCli catalogue(app);
 
     // ---- emulator ----
     SimRequestOptions simOpt;
@@ -221,6 +242,8 @@ int RunCli(int argc, char** argv) {
     demo->add_option("--instance", demoOpt.instance, "Instance of the demo world to back up")->capture_default_str();
     demo->add_option("--restore-name", demoOpt.restoreName, "Name of the restored instance (default: <name>-restored)");
     demo->add_option("--to", demoOpt.destination, "Keep the backup in this folder (default: a temporary one)");
+    demo->add_option("--repo", demoOpt.repository,
+                     "Restic repository for the repository part (default: a new one in the state folder)");
 
     try {
         app.parse(argc, argv);
@@ -237,6 +260,14 @@ int RunCli(int argc, char** argv) {
 
     if (*backup) {
         g.command = "backup";
+        if (backupTo->count() == 0) {  // a repository: --repo, else RESTIC_REPOSITORY
+            auto where = backupRepo.Location(true);
+            if (!where) return Fail(LocalFailure("give --to DIR or --repo REPO", kExitUsage), nullptr, g.json);
+            backupReq.toRepository = true;
+            backupReq.repository = *where;
+        } else if (!backupRepo.repository.empty()) {
+            return Fail(LocalFailure("give --to DIR or --repo REPO, not both", kExitUsage), nullptr, g.json);
+        }
         Progress progress(DetectOutputStyle(g.json));
         int status = kExitOk;
         auto context = OpenContext(g, progress, status);
@@ -247,7 +278,8 @@ int RunCli(int argc, char** argv) {
         else PrintBackupOutcome(out);
         return kExitOk;
     }
-    if (*restore) return RestoreCommand(g, restoreReq, restoreDryRun);
+    if (*restore) return RestoreCommand(g, restoreReq, restoreDryRun, restoreRepo);
+    if (catalogue.Selected()) return catalogue.Run(g);
     if (*cleanup) {
         g.command = "cleanup";
         Progress progress(DetectOutputStyle(g.json));
@@ -255,6 +287,7 @@ int RunCli(int argc, char** argv) {
         auto context = OpenContext(g, progress, status);
         if (!context) return status;
         CleanupOutcome out = RunCleanup(*context, dryRun, progress);
+        if (!out.proxyId.empty()) AddRepositoryCleanup(*context, cleanupRepo.Location(true), dryRun, out);
         if (!g.json) PrintCleanupOutcome(out, dryRun);
         if (!out.ok) return Fail(out.failure, context.get(), g.json);
         if (g.json) std::cout << WithCloud(CleanupOutcomeJson(out), context.get()).dump(2) << std::endl;

@@ -9,6 +9,7 @@
 #include "RestoreJob.h"
 #include "SimControl.h"
 #include "VMCleaner.h"
+#include "commands/RepositoryDemo.h"
 
 namespace hxagent {
 
@@ -109,6 +110,10 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
     }
     if (!options.json) PrintRestoreOutcome(restore);
 
+    // The same instance twice into a restic repository, the second restored and compared.
+    RepositoryDemoResult repo = RunRepositoryDemo(*context, demo.instance, demo.repository, rr.name + "-repo", progress);
+    if (!options.json) repo.Print();
+
     if (!SimRequest(endpoint, "GET", "/_sim/state", "", after, error)) {
         std::cerr << "hxagent: error: " << error << "\n";
         return kExitLocal;
@@ -136,7 +141,7 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
 
     bool allIdentical = checks.size() == backup.manifest.disks.size();
     for (const auto& c : checks) allIdentical = allIdentical && c.identical;
-    const bool ok = allIdentical && leftovers.empty() && registered.empty();
+    const bool ok = allIdentical && leftovers.empty() && registered.empty() && repo.ok;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     if (options.json) {
@@ -150,6 +155,7 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
                           {"disks", disks},
                           {"leftovers", leftovers.Describe()},
                           {"cleanerEntries", registered},
+                          {"repository", repo.Json()},
                           {"seconds", seconds}}
                          .dump(2)
                   << std::endl;

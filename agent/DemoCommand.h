@@ -15,6 +15,7 @@ struct DemoOptions {
     std::string instance = "app-01";
     std::string restoreName;  // default: <instance>-restored
     std::string destination;  // default: <state>/backups
+    std::string repository;   // default: <state>/repository
 };
 
 int RunDemo(const GlobalOptions& options, const DemoOptions& demo);

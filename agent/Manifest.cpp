@@ -31,6 +31,7 @@ std::string ManifestToJson(const Manifest& m) {
                          {"sha256", d.sha256},
                          {"dataBytes", d.dataBytes},
                          {"seconds", d.seconds}});
+        if (!d.snapshot.empty()) disks.back()["snapshot"] = d.snapshot;
     }
     json doc = {{"format", kManifestFormat},
                 {"version", m.version},
@@ -52,6 +53,8 @@ std::string ManifestToJson(const Manifest& m) {
                   {"copySeconds", m.copySeconds},
                   {"unmountSeconds", m.unmountSeconds},
                   {"totalSeconds", m.totalSeconds}}}};
+    doc["origin"] = {{"proxyId", m.proxyId}, {"cloud", m.cloud}, {"agentVersion", m.agentVersion}};
+    if (!m.backupKey.empty()) doc["repository"] = {{"backupKey", m.backupKey}, {"configSnapshot", m.configSnapshot}};
     return doc.dump(2) + "\n";
 }
 
@@ -125,6 +128,7 @@ bool ManifestFromJson(const std::string& text, Manifest& m, std::string& error) 
             disk.sha256 = Get<std::string>(d, "sha256", "");
             disk.dataBytes = Get<std::uint64_t>(d, "dataBytes", 0);
             disk.seconds = Get<double>(d, "seconds", 0);
+            disk.snapshot = Get<std::string>(d, "snapshot", "");
             if (disk.id.empty() || !IsPlainName(disk.image) || !IsHex64(disk.sha256) || disk.size == 0 ||
                 disk.diskSize <= 0) {
                 error = "manifest entry of disk '" + disk.id + "' is incomplete";
@@ -144,6 +148,16 @@ bool ManifestFromJson(const std::string& text, Manifest& m, std::string& error) 
             m.copySeconds = Get<double>(t, "copySeconds", 0);
             m.unmountSeconds = Get<double>(t, "unmountSeconds", 0);
             m.totalSeconds = Get<double>(t, "totalSeconds", 0);
+        }
+        if (doc.contains("origin")) {
+            const json& o = doc["origin"];
+            m.proxyId = Get<std::string>(o, "proxyId", "");
+            m.cloud = Get<std::string>(o, "cloud", "");
+            m.agentVersion = Get<std::string>(o, "agentVersion", "");
+        }
+        if (doc.contains("repository")) {
+            m.backupKey = Get<std::string>(doc["repository"], "backupKey", "");
+            m.configSnapshot = Get<std::string>(doc["repository"], "configSnapshot", "");
         }
     } catch (const std::exception& e) {
         error = std::string("manifest field of the wrong type: ") + e.what();

@@ -29,6 +29,7 @@ struct ManifestDisk {
     std::string sha256;        // of the image's full content
     std::uint64_t dataBytes = 0;  // non-zero bytes stored
     double seconds = 0;        // time spent reading the disk
+    std::string snapshot;      // repository backups: the restic snapshot holding the image
 };
 
 struct Manifest {
@@ -45,6 +46,13 @@ struct Manifest {
     std::vector<ManifestDisk> disks;
     std::string startedAt, finishedAt;  // UTC, ISO 8601
     double mountSeconds = 0, copySeconds = 0, unmountSeconds = 0, totalSeconds = 0;
+    // Where the backup came from.
+    std::string proxyId;        // the proxy instance that read the disks
+    std::string cloud;          // the cloud target, one line without secrets
+    std::string agentVersion;   // hxagent's version
+    // Repository backups only: the backup's key and the snapshot of the configuration document.
+    std::string backupKey;
+    std::string configSnapshot;
 };
 
 std::string ManifestToJson(const Manifest& m);

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 
 #include "DataMover.h"
@@ -153,8 +154,14 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
     const std::string restorePath = work + "/config";
     std::error_code ec;
     fs::create_directories(restorePath, ec);
-    if (!ec)
+    if (!ec && request.stored) {
+        std::ofstream config(fs::path(restorePath) / m.configFile, std::ios::binary);
+        config << request.stored->configText();
+        config.close();
+        if (!config) ec = std::make_error_code(std::errc::io_error);
+    } else if (!ec) {
         fs::copy_file(fs::path(request.backupFolder) / m.configFile, fs::path(restorePath) / m.configFile, ec);
+    }
     if (ec) {
         fs::remove_all(work, ec);
         out.failure = LocalFailure("cannot prepare the configuration file for the plug-in: " + ec.message());
@@ -197,7 +204,8 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
         MoveOptions mo;
         mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
         mo.cancelled = Cancelled;
-        MoveResult r = WriteImageToDevice(request.backupFolder + "/" + d.image, target.devicePath, mo);
+        MoveResult r = request.stored ? request.stored->ReadDisk(d, target.devicePath, mo)
+                                      : WriteImageToDevice(request.backupFolder + "/" + d.image, target.devicePath, mo);
         progress.End(r.ok);
         if (!r.ok) {
             fail(r.cancelled ? LocalFailure(what + " cancelled", kExitCancelled)

@@ -12,12 +12,14 @@
 // folder holding a copy of the configuration document alone.
 #pragma once
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "Manifest.h"
 #include "Session.h"
+#include "storage/RepositoryStore.h"
 
 namespace hxagent {
 
@@ -28,6 +30,9 @@ struct RestoreRequest {
     std::string instanceType;  // replaces the backed-up type when set
     bool powerOn = false;
     bool overwrite = false;
+    // Set: the backup is read from a repository (disks streamed, each checked against its
+    // SHA-256 in the same pass) and backupFolder is unused.
+    std::shared_ptr<const StoredBackup> stored;
 };
 
 struct RestoredDisk {

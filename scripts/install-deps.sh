@@ -9,6 +9,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev ca-certificates
   nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
   libspdlog-dev libfmt-dev libsqlite3-dev
+  restic rclone
 )
 # Node.js and npm run the official SDK conformance test of the emulator. A machine may carry
 # them from elsewhere than Debian (where Debian's npm package would conflict), so ask for the
