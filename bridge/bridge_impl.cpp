@@ -1071,8 +1071,9 @@ void Impl::CreateImageFromDiskSnapshots(const std::string& regionId, const std::
 
 void Impl::DeleteImage(const std::string& regionId, const std::string& imageId, bool force) {
     RequireArg(imageId, "image id");
-    const std::string region = RegionOr(regionId, Kind::Image, imageId);
-    auto image = Find(Kind::Image, region, imageId);
+    // Without a region (a cleanup that knows only the id) an image no region lists is gone.
+    auto [region, image] = regionId.empty() ? Locate(Kind::Image, imageId)
+                                            : std::pair{regionId, Find(Kind::Image, regionId, imageId)};
     if (!image) {
         // ECS ignores an unknown id; there is nothing to delete or to wait for.
         regionOf_.erase(imageId);

@@ -85,6 +85,8 @@ TEST_F(Ownership, DeletesRefuseWhatThisProxyDidNotMakeAndSucceedForWhatIsGone) {
     ASSERT_TRUE(bridge_.DeleteSnapshot(own)) << bridge_.GetLastError();
     EXPECT_TRUE(Find("snapshots", "SnapshotId", own).is_null());  // gone when the call returns
     EXPECT_TRUE(bridge_.DeleteSnapshot(own)) << "a second delete of the same snapshot converges";
+    // A cleanup that knows an image only by id (no region): gone is done.
+    EXPECT_TRUE(bridge_.DeleteImage("", "m-doesnotexist0000000", true)) << bridge_.GetLastError();
 }
 
 // A job's leftovers in every state that blocks a naive delete: a disk copy attached to the
