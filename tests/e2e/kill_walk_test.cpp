@@ -23,14 +23,28 @@ std::set<std::string> Ids(const json& state, const char* list, const char* key) 
 
 // What exists now and did not before, and disks that moved onto the proxy: what a killed
 // job could have leaked. Objects that went away (an --overwrite target) are no leak.
+bool MarkedIncomplete(const json& instance) {
+    for (const auto& t : instance["Tags"]["Tag"])
+        if (t.value("TagKey", "") == "hx:restore-state") return true;
+    return false;
+}
+
 std::vector<std::string> Leaks(const json& before, const json& after) {
     std::vector<std::string> leaks;
+    // A restore killed after it finished its instance (the instance no longer marked
+    // incomplete) has done its work: that instance and the disks on it are the user's.
+    std::set<std::string> finished;
+    for (const auto& i : after["instances"])
+        if (i.value("InstanceName", "") == kRestoreName && !MarkedIncomplete(i)) finished.insert(i.value("InstanceId", ""));
     const std::pair<const char*, const char*> kinds[] = {
         {"instances", "InstanceId"}, {"disks", "DiskId"}, {"snapshots", "SnapshotId"}, {"images", "ImageId"}};
     for (const auto& [list, key] : kinds) {
         const auto old = Ids(before, list, key);
-        for (const auto& id : Ids(after, list, key))
-            if (!old.count(id)) leaks.push_back(std::string(list) + " " + id);
+        for (const auto& item : after[list]) {
+            const std::string id = item.value(key, "");
+            if (old.count(id) || finished.count(id) || finished.count(item.value("InstanceId", ""))) continue;
+            leaks.push_back(std::string(list) + " " + id);
+        }
     }
     const std::string proxy = after.value("proxyInstanceId", "");
     std::set<std::string> onProxy;
