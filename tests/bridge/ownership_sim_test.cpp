@@ -32,6 +32,22 @@ protected:
         setenv("ALIBABA_CLOUD_METADATA_ENDPOINT", emulator_->MetadataEndpoint().c_str(), 1);
         return snap.snapshotId;
     }
+    // What a restore makes before it finishes: an image from `snapshot`, an instance of db-01's
+    // shape named `name` from it, and an empty data disk attached to that instance.
+    void HalfRestore(const std::string& snapshot, const std::string& name, std::string& image, std::string& instance,
+                     SDisk& data) {
+        ASSERT_TRUE(bridge_.CreateImageFromDiskSnapshots(kRegion, snapshot, {}, "x86_64", "Ubuntu", image, "", ""));
+        SVMInfo target;
+        ASSERT_TRUE(bridge_.GetVMInfoForVM(kDb, target, 0, 0));
+        target.guid.clear();
+        target.name = name;
+        ASSERT_TRUE(bridge_.CreateInstance(target, image, "", instance)) << bridge_.GetLastError();
+        ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, data, "", "", "", 20, false, ""));
+        std::string status;
+        ASSERT_TRUE(Eventually([&] { return bridge_.GetInstanceStatus(instance, status) && status == "Stopped"; }));
+        bool limit = false;
+        ASSERT_TRUE(bridge_.AttachDisk(instance, data.diskId, limit, true)) << bridge_.GetLastError();
+    }
     hxbridge::HostBridge host_;
 };
 
@@ -97,18 +113,8 @@ TEST_F(Ownership, HostSweepRemovesAJobsObjectsInDependencyOrderAndNothingElse) {
     ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, copy, snap, "", "", 0, false, ""));
     bool limit = false;
     ASSERT_TRUE(bridge_.AttachDisk(kProxy, copy.diskId, limit, true)) << bridge_.GetLastError();
-    std::string image;
-    ASSERT_TRUE(bridge_.CreateImageFromDiskSnapshots(kRegion, snap, {}, "x86_64", "Ubuntu", image, "", ""));
-    SVMInfo target;
-    ASSERT_TRUE(bridge_.GetVMInfoForVM(kDb, target, 0, 0));
-    target.guid.clear();
-    target.name = "db-half-restored";
-    std::string instance;
-    ASSERT_TRUE(bridge_.CreateInstance(target, image, "", instance)) << bridge_.GetLastError();
-    ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, data, "", "", "", 20, false, ""));
-    std::string status;
-    ASSERT_TRUE(Eventually([&] { return bridge_.GetInstanceStatus(instance, status) && status == "Stopped"; }));
-    ASSERT_TRUE(bridge_.AttachDisk(instance, data.diskId, limit, true)) << bridge_.GetLastError();
+    std::string image, instance;
+    ASSERT_NO_FATAL_FAILURE(HalfRestore(snap, "db-half-restored", image, instance, data));
     const std::string foreign = ForeignSnapshot(kDbDataDisk);
 
     std::vector<hxbridge::OwnedObject> owned;
@@ -138,20 +144,9 @@ TEST_F(Ownership, HostSweepRemovesAJobsObjectsInDependencyOrderAndNothingElse) {
 
 TEST_F(Ownership, AFinishedRestoreIsNoLongerOwnedAndNeverSwept) {
     const std::string snap = Snapshot(kDbSystemDisk);
-    std::string image;
-    ASSERT_TRUE(bridge_.CreateImageFromDiskSnapshots(kRegion, snap, {}, "x86_64", "Ubuntu", image, "", ""));
-    SVMInfo target;
-    ASSERT_TRUE(bridge_.GetVMInfoForVM(kDb, target, 0, 0));
-    target.guid.clear();
-    target.name = "db-restored";
-    std::string instance;
-    ASSERT_TRUE(bridge_.CreateInstance(target, image, "", instance)) << bridge_.GetLastError();
+    std::string image, instance;
     SDisk data;
-    ASSERT_TRUE(bridge_.CreateDisk(kRegion, kProxyZone, data, "", "", "", 20, false, ""));
-    std::string status;
-    ASSERT_TRUE(Eventually([&] { return bridge_.GetInstanceStatus(instance, status) && status == "Stopped"; }));
-    bool limit = false;
-    ASSERT_TRUE(bridge_.AttachDisk(instance, data.diskId, limit, true));
+    ASSERT_NO_FATAL_FAILURE(HalfRestore(snap, "db-restored", image, instance, data));
 
     ASSERT_TRUE(host_.FinishRestore(kRegion, instance)) << host_.LastError();
     EXPECT_EQ(Tag(Find("instances", "InstanceId", instance), "hx:restore-state"), "<missing>");
