@@ -111,11 +111,11 @@ TEST(Paging, TokensWalkTheWholeListOnce) {
   for (size_t i = 0; i < total; ++i) EXPECT_EQ(seen[i], i);
 
   EXPECT_EQ(CodeOf([] { actions::ParsePaging(Make({{"NextToken", "forged"}}), {}); }), "InvalidNextToken");
-  EXPECT_EQ(CodeOf([] { actions::ParsePaging(Make({{"MaxResults", "101"}}), {}); }), "InvalidParameter");
+  EXPECT_EQ(actions::ParsePaging(Make({{"MaxResults", "101"}}), {}).limit, 100u);
+  EXPECT_EQ(CodeOf([] { actions::ParsePaging(Make({{"MaxResults", "ten"}}), {}); }), "InvalidParameter");
   actions::PagingRules clamp;
   clamp.maxResultsMin = 10;
   clamp.maxResultsMax = 500;
-  clamp.clampMaxResults = true;
   EXPECT_EQ(actions::ParsePaging(Make({{"MaxResults", "5000"}}), clamp).limit, 500u);
   EXPECT_EQ(actions::ParsePaging(Make({{"MaxResults", "1"}}), clamp).limit, 10u);
 

@@ -55,7 +55,6 @@ json DescribeDisks(Context& ctx) {
   PagingRules rules;
   rules.maxResultsMin = 10;
   rules.maxResultsMax = 500;
-  rules.clampMaxResults = true;
   Page page = ParsePaging(p, rules);
   json list = json::array();
   for (size_t k = page.Begin(matches.size()); k < page.End(matches.size()); ++k) {
@@ -146,10 +145,7 @@ json AttachDisk(Context& ctx) {
   auto& disk = ctx.store.DiskOrThrow(p.Required("DiskId"), OptionalRegion(ctx));
   const bool deleteWithInstance = p.Bool("DeleteWithInstance", false);
   p.Bool("Bootable", false);
-  if (Contains(inst.lockReasons, "security")) {
-    throw Forbidden("InstanceLockedForSecurity", "The specified operation is denied as your instance is locked for "
-                                                 "security reasons.");
-  }
+  CheckNotLockedForSecurity(inst);
   if (inst.status != "Running" && inst.status != "Stopped") throw api::IncorrectInstanceStatus(400);
   if (disk.status != "Available") throw api::IncorrectDiskStatus();
   if (disk.zoneId != inst.zoneId) {

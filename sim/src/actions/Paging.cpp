@@ -37,12 +37,8 @@ Page ParsePaging(const api::Params& p, const PagingRules& rules) {
   if (rules.tokens && (p.Has("MaxResults") || p.Has("NextToken"))) {
     page.tokenMode = true;
     if (p.Has("MaxResults")) {
-      if (rules.clampMaxResults) {
-        int64_t v = p.Int("MaxResults", rules.defaultSize, INT64_MIN, INT64_MAX);
-        page.limit = static_cast<size_t>(std::clamp(v, rules.maxResultsMin, rules.maxResultsMax));
-      } else {
-        page.limit = static_cast<size_t>(p.Int("MaxResults", rules.defaultSize, rules.maxResultsMin, rules.maxResultsMax));
-      }
+      const int64_t v = p.Int("MaxResults", rules.defaultSize, INT64_MIN, INT64_MAX);
+      page.limit = static_cast<size_t>(std::clamp(v, rules.maxResultsMin, rules.maxResultsMax));
     }
     std::string token = p.GetOr("NextToken", "");
     if (!token.empty()) page.offset = ParseToken(token);

@@ -2,6 +2,8 @@
 // token comes back empty) and PageNumber + PageSize. Token mode is used when either
 // MaxResults or NextToken is present. NextToken is opaque to clients; here it encodes
 // an offset, and a token this server did not issue is InvalidNextToken (400).
+// A MaxResults outside [maxResultsMin, maxResultsMax] is clamped into it, as ECS caps
+// page sizes rather than refusing them (a value that is not a number is still refused).
 #pragma once
 
 #include <cstdint>
@@ -17,7 +19,6 @@ struct PagingRules {
   int64_t defaultSize = 10;
   int64_t maxResultsMin = 1;
   int64_t maxResultsMax = 100;
-  bool clampMaxResults = false;  // out-of-range MaxResults is clamped instead of refused
   int64_t pageSizeMax = 100;
 };
 
