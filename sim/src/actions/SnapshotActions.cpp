@@ -4,7 +4,9 @@
 // cloned then); Status/Progress then advance over the configured duration. `Available`
 // is reported once the snapshot is accomplished.
 // Decisions: a snapshot used by an image cannot be deleted (SnapshotCreatedImage); one
-// that disks were created from needs Force=true (SnapshotCreatedDisk).
+// that disks were created from needs Force=true (SnapshotCreatedDisk). As ECS documents,
+// deleting a snapshot that does not exist (in the request's region) is ignored: it
+// answers success, so a repeated delete converges.
 #include <algorithm>
 
 #include "actions/Paging.h"
@@ -96,7 +98,14 @@ json DescribeSnapshots(Context& ctx) {
 }
 
 json DeleteSnapshot(Context& ctx) {
-  auto& snap = ctx.store.SnapshotOrThrow(ctx.params.Required("SnapshotId"), OptionalRegion(ctx));
+  const std::string snapshotId = ctx.params.Required("SnapshotId");
+  const std::string region = OptionalRegion(ctx);
+  const auto found = ctx.store.snapshots.find(snapshotId);
+  if (found == ctx.store.snapshots.end() || (!region.empty() && found->second.regionId != region)) {
+    FinishDryRun(ctx);
+    return json::object();
+  }
+  auto& snap = found->second;
   const bool force = ctx.params.Bool("Force", false);
   for (const auto& [id, image] : ctx.store.images) {
     for (const auto& m : image.mappings) {
