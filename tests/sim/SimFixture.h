@@ -13,11 +13,13 @@
 namespace hxsim::test {
 
 // Region r1: zones r1-a (proxy, i-small) and r1-b (i-far); region r2 is empty.
-// Durations in seconds at scale 1; the fixture runs them at 1/100.
+// Durations in seconds at scale 1; the fixture runs them at 1/100 (a create's ClientToken
+// then stays "in progress" for 50 ms).
 inline const char* kTestScenario = R"({
   "accessKeys": [{"accessKeyId": "AKTEST", "accessKeySecret": "SECRETTEST"}],
   "timings": {"diskCreateSeconds": 1, "diskAttachSeconds": 1, "diskDetachSeconds": 1, "snapshotSeconds": 2,
-              "imageSeconds": 1, "instancePendingSeconds": 1, "instanceStartSeconds": 1, "instanceStopSeconds": 1},
+              "imageSeconds": 1, "instancePendingSeconds": 1, "instanceStartSeconds": 1, "instanceStopSeconds": 1,
+              "tokenProcessingSeconds": 5},
   "instanceTypes": [
     {"instanceTypeId": "ecs.small", "cpu": 1, "memoryGiB": 2, "diskQuantity": 3},
     {"instanceTypeId": "ecs.big", "cpu": 8, "memoryGiB": 32, "diskQuantity": 17}

@@ -14,6 +14,7 @@ const HandlerMap& Handlers() {
     HandlerMap m;
     RegisterRegionActions(m);
     RegisterInstanceActions(m);
+    RegisterInstanceAttributeActions(m);
     RegisterDiskActions(m);
     RegisterSnapshotActions(m);
     RegisterImageActions(m);
@@ -61,13 +62,19 @@ std::optional<json> ReplayClientToken(Context& ctx) {
     throw BadRequest("IdempotentParameterMismatch",
                      "The request uses the same client token as a previous, but non-identical request.");
   }
+  // ECS answers a repetition that arrives while the first request still runs with this
+  // code (HTTP status: our choice, the documentation gives none); the client retries.
+  if (ctx.store.clock().Now() < it->second.readyAt) {
+    throw BadRequest("LastTokenProcessing", "The last token request is processing.");
+  }
   return json::parse(it->second.resultJson);
 }
 
 void RememberClientToken(Context& ctx, const json& result) {
   std::string token = ctx.params.GetOr("ClientToken", "");
   if (token.empty()) return;
-  ctx.store.clientTokens[TokenKey(ctx, token)] = {ctx.params.Fingerprint(), result.dump()};
+  const auto readyAt = ctx.store.clock().Now() + ctx.store.clock().Scaled(ctx.store.timings().tokenProcessing);
+  ctx.store.clientTokens[TokenKey(ctx, token)] = {ctx.params.Fingerprint(), result.dump(), readyAt};
 }
 
 namespace {
@@ -162,6 +169,13 @@ void ApplyTags(model::Tags& tags, const std::vector<std::pair<std::string, std::
 
 bool Contains(const std::vector<std::string>& list, const std::string& value) {
   return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+void CheckNotLockedForSecurity(const model::Instance& instance) {
+  if (Contains(instance.lockReasons, "security")) {
+    throw api::Forbidden("InstanceLockedForSecurity",
+                         "The specified operation is denied as your instance is locked for security reasons.");
+  }
 }
 
 }  // namespace hxsim::actions

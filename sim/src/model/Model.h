@@ -57,6 +57,9 @@ struct Timings {
   double instancePending = 10;
   double instanceStart = 10;
   double instanceStop = 10;
+  // How long a create stays "in progress" for its ClientToken: a repetition with the same
+  // token in that window is answered LastTokenProcessing, later ones replay the result.
+  double tokenProcessing = 1;
 };
 
 // Networking: each region's instances live in VPCs; a vSwitch is one zone's slice of a

@@ -23,6 +23,7 @@ namespace hxsim::model {
 struct ClientTokenRecord {
   std::string fingerprint;  // Params::Fingerprint of the first request
   std::string resultJson;   // the response fields of the first request
+  SteadyTime readyAt{};     // until then the first request counts as still running
 };
 
 class Store {

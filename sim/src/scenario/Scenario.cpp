@@ -259,6 +259,7 @@ std::optional<Scenario> Parse(const std::string& text, std::string* error) {
       s.timings.instancePending = Num<double>(*t, "instancePendingSeconds", s.timings.instancePending);
       s.timings.instanceStart = Num<double>(*t, "instanceStartSeconds", s.timings.instanceStart);
       s.timings.instanceStop = Num<double>(*t, "instanceStopSeconds", s.timings.instanceStop);
+      s.timings.tokenProcessing = Num<double>(*t, "tokenProcessingSeconds", s.timings.tokenProcessing);
     }
     for (const auto& t : j.at("instanceTypes")) {
       model::InstanceType type;
