@@ -33,13 +33,6 @@ using nlohmann::json;
 
 namespace {
 
-void CheckNotLocked(const model::Instance& inst) {
-  if (Contains(inst.lockReasons, "security")) {
-    throw Forbidden("InstanceLockedForSecurity", "The specified operation is denied as your instance is locked for "
-                                                 "security reasons.");
-  }
-}
-
 json DescribeInstances(Context& ctx) {
   const std::string region = RequiredRegion(ctx);
   const auto ids = ctx.params.JsonArray("InstanceIds");
@@ -431,7 +424,7 @@ json RunInstances(Context& ctx) {
 
 json StartInstance(Context& ctx) {
   auto& inst = ctx.store.InstanceOrThrow(ctx.params.Required("InstanceId"), OptionalRegion(ctx));
-  CheckNotLocked(inst);
+  CheckNotLockedForSecurity(inst);
   if (inst.status != "Stopped") throw api::IncorrectInstanceStatus();
   FinishDryRun(ctx);
   ctx.store.FailSnapshotsOf(inst.id);
@@ -445,7 +438,7 @@ json StopInstance(Context& ctx) {
   ctx.params.Bool("ForceStop", false);
   const std::string mode = ctx.params.GetOr("StoppedMode", "KeepCharging");
   if (mode != "KeepCharging" && mode != "StopCharging") throw api::InvalidParameter("StoppedMode");
-  CheckNotLocked(inst);
+  CheckNotLockedForSecurity(inst);
   if (inst.status != "Running") throw api::IncorrectInstanceStatus();
   FinishDryRun(ctx);
   ctx.store.FailSnapshotsOf(inst.id);
@@ -457,7 +450,7 @@ json StopInstance(Context& ctx) {
 json DeleteInstance(Context& ctx) {
   auto& inst = ctx.store.InstanceOrThrow(ctx.params.Required("InstanceId"), OptionalRegion(ctx));
   const bool force = ctx.params.Bool("Force", false);
-  CheckNotLocked(inst);
+  CheckNotLockedForSecurity(inst);
   if (force ? (inst.status != "Running" && inst.status != "Stopped") : inst.status != "Stopped") {
     throw api::IncorrectInstanceStatus();
   }

@@ -32,6 +32,7 @@ const HandlerMap& Handlers();
 
 void RegisterRegionActions(HandlerMap& map);
 void RegisterInstanceActions(HandlerMap& map);
+void RegisterInstanceAttributeActions(HandlerMap& map);
 void RegisterDiskActions(HandlerMap& map);
 void RegisterSnapshotActions(HandlerMap& map);
 void RegisterImageActions(HandlerMap& map);
@@ -75,5 +76,8 @@ bool TagsMatch(const model::Tags& tags, const std::vector<std::pair<std::string,
 void ApplyTags(model::Tags& tags, const std::vector<std::pair<std::string, std::string>>& add);
 
 bool Contains(const std::vector<std::string>& list, const std::string& value);
+
+// 403 InstanceLockedForSecurity when the instance carries the "security" operation lock.
+void CheckNotLockedForSecurity(const model::Instance& instance);
 
 }  // namespace hxsim::actions

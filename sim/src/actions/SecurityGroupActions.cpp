@@ -48,10 +48,7 @@ Membership Resolve(Context& ctx) {
   Membership m;
   m.instance = &ctx.store.InstanceOrThrow(instanceId, region);
   m.group = &ctx.store.SecurityGroupOrThrow(groupId, m.instance->regionId);
-  if (Contains(m.instance->lockReasons, "security")) {
-    throw Forbidden("InstanceLockedForSecurity", "The specified operation is denied as your instance is locked for "
-                                                 "security reasons.");
-  }
+  CheckNotLockedForSecurity(*m.instance);
   if (m.instance->status != "Stopped" && m.instance->status != "Running") throw api::IncorrectInstanceStatus();
   return m;
 }

@@ -1,6 +1,7 @@
 #include "model/Render.h"
 
 #include <cmath>
+#include <cstdio>
 
 namespace hxsim::model {
 
@@ -11,6 +12,24 @@ json RenderTags(const Tags& tags) {
   for (const auto& [k, v] : tags) list.push_back({{"TagKey", k}, {"TagValue", v}});
   return {{"Tag", list}};
 }
+
+namespace {
+// The instance's primary network interface. ECS gives each instance one, with its own id
+// and a MAC in Alibaba's 00:16:3e range; here both derive from the instance id, so they
+// stay the same for the instance's life.
+json PrimaryNetworkInterface(const Instance& i) {
+  uint32_t h = 2166136261u;  // FNV-1a of the id
+  for (unsigned char c : i.id) h = (h ^ c) * 16777619u;
+  char mac[18];
+  std::snprintf(mac, sizeof mac, "00:16:3e:%02x:%02x:%02x", (h >> 16) & 0xff, (h >> 8) & 0xff, h & 0xff);
+  const std::string suffix = i.id.size() > 2 ? i.id.substr(2) : i.id;
+  return {{"NetworkInterfaceId", "eni-" + suffix},
+          {"MacAddress", mac},
+          {"PrimaryIpAddress", i.privateIp},
+          {"Type", "Primary"},
+          {"PrivateIpSets", {{"PrivateIpSet", json::array({{{"PrivateIpAddress", i.privateIp}, {"Primary", true}}})}}}};
+}
+}  // namespace
 
 json RenderInstance(Store& store, const Instance& i) {
   const InstanceType& type = store.TypeOf(i);
@@ -46,6 +65,7 @@ json RenderInstance(Store& store, const Instance& i) {
         {"NatIpAddress", ""},
         {"PrivateIpAddress", {{"IpAddress", json::array({i.privateIp})}}}}},
       {"SecurityGroupIds", {{"SecurityGroupId", i.securityGroupIds}}},
+      {"NetworkInterfaces", {{"NetworkInterface", json::array({PrimaryNetworkInterface(i)})}}},
       {"PublicIpAddress", {{"IpAddress", json::array()}}},
       {"OperationLocks", {{"LockReason", locks}}},
       {"Tags", RenderTags(i.tags)},

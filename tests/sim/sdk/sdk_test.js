@@ -49,6 +49,19 @@ async function waitFor(what, probe, timeoutMs = 15000) {
   }
 }
 
+// A create repeated with the same ClientToken while the first still runs is answered
+// LastTokenProcessing; the SDK's caller repeats it until the first result is replayed.
+async function repeatWhileProcessing(call) {
+  for (let attempt = 0; ; attempt++) {
+    try {
+      return await call();
+    } catch (e) {
+      if (e.code !== 'LastTokenProcessing' || attempt >= 100) throw e;
+      await sleep(20);
+    }
+  }
+}
+
 function v3Client(options = {}) {
   return new Ecs.default(new $OpenApiUtil.Config({
     accessKeyId: ak, accessKeySecret: secret, endpoint: hostPort, protocol: 'http', regionId: region, ...options,
@@ -105,7 +118,7 @@ async function v3Suite() {
     const created = await create();
     const diskId = created.body.diskId;
     assert.match(diskId, /^d-[a-z0-9]{20}$/);
-    assert.equal((await create()).body.diskId, diskId, 'same ClientToken, same disk');
+    assert.equal((await repeatWhileProcessing(create)).body.diskId, diskId, 'same ClientToken, same disk');
 
     const describe = async () => (await ecs.describeDisks(new Ecs.DescribeDisksRequest({
       regionId: region, diskIds: JSON.stringify([diskId]) }))).body.disks.disk;
@@ -140,6 +153,38 @@ async function v3Suite() {
     assert.equal(after.body.snapshots.snapshot.length, 0);
     await ecs.deleteDisk(new Ecs.DeleteDiskRequest({ diskId }));
     assert.equal((await describe()).length, 0);
+  });
+
+  await check('V3 instance attributes: describe, modify, network interfaces', async () => {
+    const listed = (await ecs.describeInstances(new Ecs.DescribeInstancesRequest({ regionId: region, maxResults: 500 })))
+      .body.instances.instance;
+    assert.ok(listed.length > 2, 'MaxResults above 100 is capped, not refused');
+    const target = listed.find((i) => i.instanceId !== proxy);
+    const card = target.networkInterfaces.networkInterface[0];
+    assert.equal(card.type, 'Primary');
+    assert.equal(card.primaryIpAddress, target.vpcAttributes.privateIpAddress.ipAddress[0]);
+    assert.match(card.networkInterfaceId, /^eni-/);
+
+    const attr = async () => (await ecs.describeInstanceAttribute(
+      new Ecs.DescribeInstanceAttributeRequest({ instanceId: target.instanceId }))).body;
+    const before = await attr();
+    assert.equal(before.instanceName, target.instanceName);
+    assert.equal(before.vpcAttributes.vSwitchId, target.vpcAttributes.vSwitchId);
+    await ecs.modifyInstanceAttribute(new Ecs.ModifyInstanceAttributeRequest({
+      instanceId: target.instanceId, description: 'checked by the SDK test', hostName: 'sdk-host' }));
+    const after = await attr();
+    assert.equal(after.description, 'checked by the SDK test');
+    assert.equal(after.hostName, 'sdk-host');
+    await assert.rejects(ecs.modifyInstanceAttribute(new Ecs.ModifyInstanceAttributeRequest({
+      instanceId: target.instanceId, instanceName: '9starts-with-a-digit' })),
+      (e) => e.code === 'InvalidInstanceName.Malformed' && e.statusCode === 400);
+    await ecs.modifyInstanceAttribute(new Ecs.ModifyInstanceAttributeRequest({
+      instanceId: target.instanceId, description: before.description, hostName: before.hostName || 'host' }));
+  });
+
+  await check('V3 deleting a snapshot that does not exist is ignored, as ECS documents', async () => {
+    const r = await ecs.deleteSnapshot(new Ecs.DeleteSnapshotRequest({ snapshotId: 's-doesnotexist000000000' }));
+    assert.equal(r.statusCode, 200);
   });
 
   await check('V3 errors arrive as SDK exceptions with the ECS code and status', async () => {
