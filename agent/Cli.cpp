@@ -64,7 +64,7 @@ int Inventory(const GlobalOptions& g, const std::function<InventoryOutcome(Agent
     if (!context) return status;
     InventoryOutcome out = run(*context);
     if (!out.ok) return Fail(out.failure, context.get(), g.json);
-    if (g.json) std::cout << out.result.dump(2) << std::endl;
+    if (g.json) std::cout << WithCloud({{"ok", true}, {out.resultKey, out.result}}, context.get()).dump(2) << std::endl;
     else PrintTable(out.rows);
     return kExitOk;
 }

@@ -24,6 +24,7 @@ InventoryOutcome ListOutcome(std::vector<SVMInfo> list) {
     InventoryOutcome out;
     std::sort(list.begin(), list.end(), [](const SVMInfo& a, const SVMInfo& b) { return a.name < b.name; });
     out.rows.push_back({"ID", "NAME", "STATUS", "TYPE", "ZONE"});
+    out.resultKey = "instances";
     out.result = json::array();
     for (const auto& v : list) {
         out.rows.push_back({v.guid, v.name, v.status, v.vmProfile, v.hostName});
@@ -102,6 +103,7 @@ InventoryOutcome RunBrowse(AgentContext& context, const std::string& path) {
         current += "\\" + hit->name;
     }
     out.rows.push_back({"TYPE", "NAME", "ID"});
+    out.resultKey = "nodes";
     out.result = json::array();
     for (const auto& n : level) {
         out.rows.push_back({InventoryTypeName(n.type), n.name, n.id});
@@ -161,6 +163,7 @@ InventoryOutcome RunTypes(AgentContext& context, const std::string& host) {
         return out;
     }
     out.rows.push_back({"TYPE", "VCPU", "MEMORY", "MAX DISKS"});
+    out.resultKey = "types";
     out.result = json::array();
     for (const auto& s : sizes) {
         out.rows.push_back({s.name, std::to_string(s.specValue1),

@@ -20,7 +20,8 @@ const char* InventoryTypeName(EInventoryType type);
 struct InventoryOutcome {
     bool ok = false;
     JobFailure failure;
-    nlohmann::json result;  // what --json prints
+    std::string resultKey;  // --json prints {"ok": true, <resultKey>: result, "cloud": ...}
+    nlohmann::json result;
     std::vector<std::vector<std::string>> rows;  // what a person sees (first row: header)
 };
 

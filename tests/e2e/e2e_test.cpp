@@ -243,6 +243,11 @@ TEST(AgentEmbeddedE2E, DemoVerifiesOnTheBuiltInEmulator) {
     EXPECT_NE(list.out.find("web-01"), std::string::npos) << list.out;
     EXPECT_NE(list.out.find("web-02"), std::string::npos) << list.out;
     EXPECT_EQ(list.out.find("db-01"), std::string::npos) << list.out;
+    RunResult listJson = Child({"--embedded", "--json", "list", "--name", "web-*"}, env, home).Wait();
+    ASSERT_EQ(listJson.exitCode, 0) << listJson.err;
+    EXPECT_EQ(listJson.doc["cloud"]["kind"], "built-in emulator") << listJson.out;
+    ASSERT_EQ(listJson.doc["instances"].size(), 2u) << listJson.out;
+    EXPECT_EQ(listJson.doc["instances"][0]["name"], "web-01");
 
     RunResult demo = Child({"demo", "--json", "--instance", "db-01"}, env, home).Wait();
     EXPECT_EQ(demo.exitCode, 0) << demo.out << demo.err;
