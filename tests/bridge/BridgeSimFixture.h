@@ -76,11 +76,14 @@ protected:
         }
         return json();
     }
-    int Calls(const std::string& action) {
+    int Calls(const std::string& action) { return CallCount(action, "calls"); }
+    // Calls of `action` the emulator refused (injected faults included).
+    int Refusals(const std::string& action) { return CallCount(action, "errors"); }
+    int CallCount(const std::string& action, const char* field) {
         auto res = Control().Get("/_sim/calls");
         if (!res) return -1;
         json j = json::parse(res->body);
-        return j["actions"].contains(action) ? j["actions"][action].value("calls", 0) : 0;
+        return j["actions"].contains(action) ? j["actions"][action].value(field, 0) : 0;
     }
     void Fault(const json& rule) {
         const json body = {{"rules", json::array({rule})}};
