@@ -1,5 +1,7 @@
 #include "Manifest.h"
 
+#include "hxutil/IsoTime.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -214,21 +216,11 @@ bool ReadManifest(const std::string& folder, Manifest& m, std::string& error) {
 }
 
 std::string JobStamp(std::int64_t unixSeconds) {
-    std::time_t t = static_cast<std::time_t>(unixSeconds);
-    std::tm tm{};
-    ::gmtime_r(&t, &tm);
-    char out[32];
-    std::strftime(out, sizeof out, "%Y%m%dT%H%M%SZ", &tm);
-    return out;
+    return hxutil::CompactUtc(std::chrono::system_clock::time_point(std::chrono::seconds(unixSeconds)));
 }
 
 std::string IsoTime(std::int64_t unixSeconds) {
-    std::time_t t = static_cast<std::time_t>(unixSeconds);
-    std::tm tm{};
-    ::gmtime_r(&t, &tm);
-    char out[32];
-    std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return out;
+    return hxutil::IsoUtc(std::chrono::system_clock::time_point(std::chrono::seconds(unixSeconds)));
 }
 
 }  // namespace hxagent

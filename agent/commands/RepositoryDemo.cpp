@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <random>
 
 #include "BackupJob.h"
 #include "DataMover.h"
@@ -10,6 +9,7 @@
 #include "SimControl.h"
 #include "commands/CatalogueCommands.h"
 #include "commands/RepositoryRestore.h"
+#include "hxutil/Random.h"
 
 namespace hxagent {
 
@@ -24,11 +24,7 @@ bool PasswordConfigured() {
 }
 
 std::string RandomPassword() {
-    std::random_device rd;
-    std::string out;
-    static const char* digits = "0123456789abcdef";
-    for (int i = 0; i < 40; ++i) out += digits[rd() % 16];
-    return out;
+    return hxutil::RandomHex(20);
 }
 
 // Restored disks against their sources, through the emulator's disk files.

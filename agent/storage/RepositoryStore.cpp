@@ -3,9 +3,9 @@
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
-#include <random>
 #include <sstream>
 
+#include "hxutil/Random.h"
 #include "storage/StreamCopy.h"
 
 namespace hxagent {
@@ -117,10 +117,7 @@ bool DumpText(const Restic& restic, const std::string& snapshot, const std::stri
 }
 
 std::string NewBackupKey(const std::string& jobStamp) {
-    std::random_device rd;
-    char hex[16];
-    std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(rd()));
-    return jobStamp + "-" + hex;
+    return jobStamp + "-" + hxutil::RandomHex(4);
 }
 
 RepositoryWriter::RepositoryWriter(const Restic& restic, std::string instanceId, std::string host,

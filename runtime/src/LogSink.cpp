@@ -6,12 +6,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 
 #include "FsUtil.h"
 #include "Settings.h"
 #include "hxruntime/HostApi.h"
+#include "hxutil/IsoTime.h"
 
 namespace hxruntime::detail {
 
@@ -115,13 +117,9 @@ FileSink& Sink() {
 
 std::string FormatLogLine(const timespec& when, long pid, long tid, long long jobId, bool error, int level,
                           const char* tag, const std::string& text) {
-    char stamp[64];
-    struct tm tm{};
-    time_t secs = when.tv_sec;
-    localtime_r(&secs, &tm);
-    size_t n = std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &tm);
-    n += static_cast<size_t>(std::snprintf(stamp + n, sizeof stamp - n, ".%03ld", when.tv_nsec / 1000000));
-    std::strftime(stamp + n, sizeof stamp - n, "%z", &tm);
+    const std::string stamp = hxutil::IsoLocalMillis(std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::seconds(when.tv_sec) +
+                                                                        std::chrono::nanoseconds(when.tv_nsec))));
 
     std::string line;
     line.reserve(96 + text.size());

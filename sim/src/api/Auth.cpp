@@ -3,6 +3,7 @@
 #include <random>
 
 #include "api/ApiError.h"
+#include "hxutil/Codec.h"
 #include "util/Crypto.h"
 
 namespace hxsim::api {
@@ -72,7 +73,7 @@ void Authenticator::CheckToken(const AccessKey& key, const std::optional<std::st
                                timefmt::WallTime now) const {
   if (key.securityToken.empty()) return;  // a permanent key ignores any token
   if (!token || token->empty()) throw MissingParameter("SecurityToken");
-  if (!crypto::ConstantTimeEquals(*token, key.securityToken)) {
+  if (!hxutil::ConstantTimeEquals(*token, key.securityToken)) {
     throw BadRequest("InvalidSecurityToken.MismatchWithAccessKey", "The security token does not match access key.");
   }
   if (key.expiration && now >= *key.expiration) {
@@ -114,7 +115,7 @@ AuthResult Authenticator::VerifyV2(const RequestView& request, timefmt::WallTime
   enc::KeyValues all = p.Query();
   all.insert(all.end(), p.Body().begin(), p.Body().end());
   std::string stringToSign = sig::V2StringToSign(request.method, all);
-  if (!crypto::ConstantTimeEquals(sig::V2Sign(key.secret, stringToSign), p.GetOr("Signature", ""))) {
+  if (!hxutil::ConstantTimeEquals(sig::V2Sign(key.secret, stringToSign), p.GetOr("Signature", ""))) {
     throw SignatureMismatch(stringToSign);
   }
   CheckToken(key, p.Get("SecurityToken"), now);
@@ -151,7 +152,7 @@ AuthResult Authenticator::VerifyV3(const RequestView& request, timefmt::WallTime
   std::string canonical = sig::V3CanonicalRequest(request.method, request.path, request.params->Query(), headers,
                                                   auth->signedHeaders, payloadHash);
   std::string stringToSign = sig::V3StringToSign(canonical);
-  if (!crypto::ConstantTimeEquals(sig::V3Sign(key.secret, stringToSign), auth->signature)) {
+  if (!hxutil::ConstantTimeEquals(sig::V3Sign(key.secret, stringToSign), auth->signature)) {
     throw SignatureMismatch(stringToSign);
   }
   auto token = Header(headers, "x-acs-security-token");

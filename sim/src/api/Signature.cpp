@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "hxutil/Codec.h"
 #include "util/Crypto.h"
 
 namespace hxsim::sig {
@@ -31,7 +32,7 @@ std::string V2StringToSign(const std::string& method, const enc::KeyValues& para
 }
 
 std::string V2Sign(const std::string& secret, const std::string& stringToSign) {
-  return crypto::Base64(crypto::HmacSha1(secret + "&", stringToSign));
+  return hxutil::Base64Encode(crypto::HmacSha1(secret + "&", stringToSign));
 }
 
 std::optional<V3Authorization> ParseV3Authorization(const std::string& header) {

@@ -12,9 +12,6 @@ std::string HmacSha256(std::string_view key, std::string_view data);
 std::string Sha256(std::string_view data);
 
 std::string Hex(std::string_view bytes);  // lowercase
-std::string Base64(std::string_view bytes);
-
-// Compares two strings in time independent of where they first differ.
-bool ConstantTimeEquals(std::string_view a, std::string_view b);
+// Base64 and constant-time comparison: hxutil/Codec.h.
 
 }  // namespace hxsim::crypto

@@ -4,15 +4,12 @@
 #include <cstdio>
 #include <ctime>
 
+#include "hxutil/IsoTime.h"
+
 namespace hxsim::timefmt {
 
 std::string Iso8601(WallTime t, bool withSeconds) {
-  std::time_t secs = std::chrono::system_clock::to_time_t(t);
-  std::tm tm{};
-  gmtime_r(&secs, &tm);
-  char buf[32];
-  std::strftime(buf, sizeof buf, withSeconds ? "%Y-%m-%dT%H:%M:%SZ" : "%Y-%m-%dT%H:%MZ", &tm);
-  return buf;
+  return hxutil::IsoUtc(t, withSeconds ? hxutil::IsoPrecision::Seconds : hxutil::IsoPrecision::Minutes);
 }
 
 std::optional<WallTime> ParseIso8601(std::string_view s) {
