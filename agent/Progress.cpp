@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <iostream>
 
+#include "hxutil/IsoTime.h"
+
 namespace hxagent {
 
 OutputStyle DetectOutputStyle(bool json) {
@@ -58,29 +60,44 @@ std::string FormatProgressLine(const std::string& label, std::uint64_t done, std
     return line;
 }
 
+void Progress::Emit(const char* event, nlohmann::json fields) {
+    fields["event"] = event;
+    fields["time"] = hxutil::IsoUtc(std::chrono::system_clock::now(), hxutil::IsoPrecision::Millis);
+    std::cerr << fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+}
+
 void Progress::Step(const std::string& text) {
-    if (style_ == OutputStyle::Json) return;
+    std::lock_guard lock(mutex_);
+    if (style_ == OutputStyle::Json) return Emit("step", {{"message", text}});
     std::cerr << text << std::endl;
 }
 
 void Progress::Note(const std::string& text) {
-    if (style_ == OutputStyle::Json) return;
+    std::lock_guard lock(mutex_);
+    if (style_ == OutputStyle::Json) return Emit("note", {{"message", text}});
     std::cerr << text << std::endl;
 }
 
 void Progress::Begin(const std::string& label, std::uint64_t total) {
+    std::lock_guard lock(mutex_);
     label_ = label;
     total_ = total;
     done_ = 0;
     started_ = lastDraw_ = std::chrono::steady_clock::now();
+    if (style_ == OutputStyle::Json) return Emit("begin", {{"label", label_}, {"done", 0}, {"total", total_}});
     if (style_ == OutputStyle::Plain) std::cerr << label_ << ": " << FormatBytes(total_) << std::endl;
 }
 
 void Progress::Update(std::uint64_t done) {
+    std::lock_guard lock(mutex_);
     done_ = done;
-    if (style_ == OutputStyle::Json) return;
     auto now = std::chrono::steady_clock::now();
     auto since = std::chrono::duration<double>(now - lastDraw_).count();
+    if (style_ == OutputStyle::Json) {
+        if (since < 1.0 || done >= total_) return;
+        lastDraw_ = now;
+        return Emit("progress", {{"label", label_}, {"done", done_}, {"total", total_}});
+    }
     double elapsed = std::chrono::duration<double>(now - started_).count();
     if (style_ == OutputStyle::Terminal) {
         if (since < 0.1 && done < total_) return;
@@ -93,7 +110,9 @@ void Progress::Update(std::uint64_t done) {
 }
 
 void Progress::End(bool ok) {
-    if (style_ == OutputStyle::Json) return;
+    std::lock_guard lock(mutex_);
+    if (style_ == OutputStyle::Json)
+        return Emit("end", {{"label", label_}, {"done", done_}, {"total", total_}, {"ok", ok}});
     double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
     if (style_ == OutputStyle::Terminal) std::cerr << "\r\033[K";
     std::cerr << FormatProgressLine(label_, done_, total_, elapsed, style_ == OutputStyle::Terminal ? 30 : 20)

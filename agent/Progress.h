@@ -1,13 +1,20 @@
 // What a person (or a script) sees while a job runs.
 //
 // Three styles: a redrawn bar with rate and ETA when stderr is a terminal, plain lines
-// otherwise (one per step and at most one every few seconds per copy), nothing at all in
-// --json mode, where the caller prints a single JSON document on stdout at the end.
-// Progress goes to stderr; results go to stdout.
+// otherwise (one per step and at most one every few seconds per copy), and in --json mode
+// one JSON object per line (NDJSON) per event, so a script can follow a job while stdout
+// keeps the single result document printed at the end. Every NDJSON line has "event"
+// (step | note | begin | progress | end) and "time" (UTC, ISO-8601 with milliseconds);
+// step and note carry "message"; begin, progress and end carry "label", "done" and
+// "total" (bytes); end carries "ok". A copy reports progress at most once a second.
+// Progress goes to stderr; results go to stdout. Thread-safe: a copy may report from a
+// worker thread while the job's thread writes steps.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 
 namespace hxagent {
@@ -40,7 +47,11 @@ public:
     void Note(const std::string& text);
 
 private:
+    // One NDJSON line on stderr (json style only).
+    void Emit(const char* event, nlohmann::json fields);
+
     OutputStyle style_;
+    std::mutex mutex_;
     std::string label_;
     std::uint64_t total_ = 0, done_ = 0;
     std::chrono::steady_clock::time_point started_{}, lastDraw_{};

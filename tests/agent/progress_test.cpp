@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+#include <sstream>
+
 #include "Progress.h"
 
 namespace hxagent {
@@ -32,15 +35,31 @@ TEST(Progress, LineShowsBarRateAndEta) {
     EXPECT_NE(FormatProgressLine("x", 150, 100, 1, 4).find("[####] 100%"), std::string::npos);
 }
 
-TEST(Progress, JsonModeIsSilent) {
+TEST(Progress, JsonModeWritesOneObjectPerEvent) {
     testing::internal::CaptureStderr();
     Progress p(OutputStyle::Json);
-    p.Step("step");
+    p.Step("step \"one\"");
     p.Begin("copy", 100);
-    p.Update(50);
-    p.End(true);
+    p.Update(50);  // within a second of Begin: not reported
+    p.End(false);
     p.Note("note");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    std::istringstream lines(testing::internal::GetCapturedStderr());
+    std::vector<nlohmann::json> events;
+    for (std::string line; std::getline(lines, line);) events.push_back(nlohmann::json::parse(line));
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[0]["event"], "step");
+    EXPECT_EQ(events[0]["message"], "step \"one\"");
+    EXPECT_EQ(events[1]["event"], "begin");
+    EXPECT_EQ(events[1]["total"], 100);
+    EXPECT_EQ(events[2]["event"], "end");
+    EXPECT_EQ(events[2]["done"], 50);
+    EXPECT_EQ(events[2]["ok"], false);
+    EXPECT_EQ(events[3]["event"], "note");
+    for (const auto& e : events) {
+        const std::string time = e.value("time", "");
+        EXPECT_EQ(time.size(), 24u) << time;  // 2026-11-22T18:40:05.123Z
+        EXPECT_EQ(time.back(), 'Z') << time;
+    }
     testing::internal::CaptureStderr();
     Progress plain(OutputStyle::Plain);
     plain.Step("step one");
