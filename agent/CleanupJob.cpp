@@ -40,6 +40,8 @@ void TagPass(hxbridge::HostBridge& cloud, AgentContext& context, const std::stri
 
 // Pass 2: registry entries naming objects that are not this proxy's are dropped, never
 // acted on: a stray or forged row must not make the plug-in delete somebody's snapshot.
+// The proxy's own registered objects that the tag sweep did not already cover are listed
+// in `registered`, so a dry run names every object the cleanup would remove.
 void DropForeignEntries(VMCleaner& store, hxbridge::HostBridge& cloud, const std::vector<CleanerEntity>& roots,
                         bool dryRun, CleanupOutcome& out) {
     static const std::pair<VM_Cleaner_EntityType, const char*> kKinds[] = {
@@ -55,7 +57,14 @@ void DropForeignEntries(VMCleaner& store, hxbridge::HostBridge& cloud, const std
                                             ": cannot check its ownership: " + cloud.LastError());
                     continue;
                 }
-                if (!exists || owned) continue;
+                if (!exists) continue;
+                if (owned) {
+                    const bool swept = std::any_of(out.tagged.begin(), out.tagged.end(),
+                                                   [&](const CleanupItem& t) { return t.id == item.entityId; });
+                    if (!swept)
+                        out.registered.push_back({kind, item.entityId, "registered by the job of " + root.entityId});
+                    continue;
+                }
                 out.leftAlone.push_back({kind, item.entityId,
                                          "registered by job " + root.entityId +
                                              " but not tagged as this proxy's; left alone, entry dropped"});
@@ -180,29 +189,36 @@ CleanupOutcome RunCleanup(AgentContext& context, bool dryRun, Progress& progress
 }
 
 json CleanupOutcomeJson(const CleanupOutcome& o) {
-    json orphans = json::array(), tagged = json::array(), leftAlone = json::array(), local = json::array();
+    json orphans = json::array(), tagged = json::array(), registered = json::array(), leftAlone = json::array(),
+         local = json::array();
     for (const auto& x : o.orphans)
         orphans.push_back({{"id", x.id}, {"mode", x.mode}, {"removed", x.removed}, {"error", x.error}});
     auto items = [](const std::vector<CleanupItem>& from, json& to) {
         for (const auto& i : from) to.push_back({{"kind", i.kind}, {"id", i.id}, {"detail", i.detail}});
     };
     items(o.tagged, tagged);
+    items(o.registered, registered);
     items(o.leftAlone, leftAlone);
     items(o.local, local);
-    json j = {{"ok", o.ok},         {"proxyId", o.proxyId},     {"orphans", orphans}, {"tagged", tagged},
-              {"leftAlone", leftAlone}, {"local", local}, {"remaining", o.remaining}};
+    json j = {{"ok", o.ok},           {"proxyId", o.proxyId},     {"orphans", orphans},
+              {"tagged", tagged},     {"registered", registered}, {"leftAlone", leftAlone},
+              {"local", local},       {"remaining", o.remaining}};
     if (!o.ok) j["error"] = {{"code", o.failure.code}, {"message", FormatFailure(o.failure)}};
     return j;
 }
 
 void PrintCleanupOutcome(const CleanupOutcome& o, bool dryRun) {
     if (!o.ok && o.proxyId.empty()) return;
-    if (o.orphans.empty() && o.tagged.empty() && o.leftAlone.empty() && o.local.empty() && o.remaining.empty()) {
+    if (o.orphans.empty() && o.tagged.empty() && o.registered.empty() && o.leftAlone.empty() && o.local.empty() &&
+        o.remaining.empty()) {
         std::cout << "Nothing to clean up for proxy " << o.proxyId << ".\n";
         return;
     }
     const char* verb = dryRun ? "would remove" : "removed";
     for (const auto& i : o.tagged) std::cout << "  " << verb << " " << i.kind << " " << i.id << " (" << i.detail << ")\n";
+    if (dryRun)  // in a real run the job lines below say how the plug-in's removal went
+        for (const auto& i : o.registered)
+            std::cout << "  " << verb << " " << i.kind << " " << i.id << " (" << i.detail << ")\n";
     for (const auto& x : o.orphans)
         std::cout << "  " << x.mode << " job of " << x.id << ": "
                   << (dryRun ? "left behind" : x.removed ? "removed" : "NOT removed: " + x.error) << "\n";

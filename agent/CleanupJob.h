@@ -42,6 +42,8 @@ struct CleanupOutcome {
     std::string proxyId;
     std::vector<CleanupOrphan> orphans;   // jobs of the cleaner store
     std::vector<CleanupItem> tagged;      // removed (or, dry run, to remove) by the tag sweep
+    std::vector<CleanupItem> registered;  // this proxy's objects the store names for its orphaned
+                                          // jobs (the plug-in's pass removes them), not tagged above
     std::vector<CleanupItem> leftAlone;   // registered but not this proxy's; entry dropped
     std::vector<CleanupItem> local;       // work and partial backup folders removed
     std::vector<std::string> remaining;   // what is still there after the run, with its cause
