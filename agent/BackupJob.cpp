@@ -5,7 +5,9 @@
 #include <iostream>
 
 #include "DataMover.h"
+#include "InventoryCommands.h"
 #include "OwnershipSweep.h"
+#include "Preflight.h"
 #include "Version.h"
 #include "hxruntime/HostApi.h"
 #include "storage/RepositoryBackupJob.h"
@@ -28,33 +30,6 @@ std::int64_t NowSeconds() {
 
 bool Cancelled() { return hxruntime::IsCancelRaised(); }
 
-// Finds the instance by id or by exact name (exactly one must match).
-bool ResolveInstance(CVMInfo& vm, const std::string& wanted, SVMInfo& out, JobFailure& failure) {
-    if (wanted.rfind("i-", 0) == 0) {
-        if (vm.GetVMInfoForVM("", wanted, "", 0, 0, out) == 1 && !out.guid.empty()) return true;
-        failure = PluginFailure(vm, "GetVMInfoForVM", "instance " + wanted + " not found");
-        if (failure.code == 0) failure.code = VMINFO_ERR_VM_NOT_FOUND;
-        return false;
-    }
-    std::vector<SVMInfo> list;
-    std::vector<std::string> names{wanted};
-    if (vm.GetVMInfoList(list, 0, 0, &names, FILTER_INCLUDE_NAMES) != 1) {
-        failure = PluginFailure(vm, "GetVMInfoList", "cannot list instances to find '" + wanted + "'");
-        return false;
-    }
-    std::vector<SVMInfo> exact;
-    for (auto& i : list)
-        if (i.name == wanted || i.guid == wanted) exact.push_back(i);
-    if (exact.size() != 1) {
-        failure = LocalFailure(exact.empty() ? "no instance is named '" + wanted + "'"
-                                             : std::to_string(exact.size()) + " instances are named '" + wanted +
-                                                   "'; give the instance id",
-                               kExitUsage);
-        return false;
-    }
-    out = exact.front();
-    return true;
-}
 
 // DIR/<id>/<stamp>, with -2, -3 ... when a backup of the same second exists.
 bool MakeBackupFolder(const std::string& dest, const std::string& id, const std::string& stamp, std::string& folder,
@@ -107,7 +82,12 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
     CVMInfo& vm = session->vm();
 
     SVMInfo instance;
-    if (!ResolveInstance(vm, request.instance, instance, out.failure)) return out;
+    // The disks are looked up only to check --exclude-disk before anything changes.
+    if (!ResolveInstance(vm, request.instance, !request.excludedDisks.empty(), instance, out.failure)) return out;
+    if (const std::string why = CheckExcludedDisks(instance, request.excludedDisks); !why.empty()) {
+        out.failure = LocalFailure("backup refused: " + why, kExitUsage);
+        return out;
+    }
     SweepBeforeJob(context, progress, out.warnings);
 
     std::string error, work;

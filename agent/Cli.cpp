@@ -65,7 +65,10 @@ int Inventory(const GlobalOptions& g, const std::function<InventoryOutcome(Agent
     InventoryOutcome out = run(*context);
     if (!out.ok) return Fail(out.failure, context.get(), g.json);
     if (g.json) std::cout << WithCloud({{"ok", true}, {out.resultKey, out.result}}, context.get()).dump(2) << std::endl;
-    else PrintTable(out.rows);
+    else {
+        if (!out.heading.empty()) std::cout << out.heading << "\n";
+        PrintTable(out.rows);
+    }
     return kExitOk;
 }
 
@@ -255,7 +258,7 @@ int RunCli(int argc, char** argv) {
     InstallCancelHandlers();
 
     if (*browse) return Inventory(g, [&](AgentContext& c) { return RunBrowse(c, browsePath); });
-    if (*list) return Inventory(g, [&](AgentContext& c) { return RunList(c, listRegion, listZone, listName); });
+    if (*list) return Inventory(g, [&](AgentContext& c) { return RunList(c, listRegion, listZone, listName, g.json); });
     if (*types) return Inventory(g, [&](AgentContext& c) { return RunTypes(c, typesHost); });
 
     if (*backup) {
@@ -279,6 +282,8 @@ int RunCli(int argc, char** argv) {
         return kExitOk;
     }
     if (*restore) return RestoreCommand(g, restoreReq, restoreDryRun, restoreRepo);
+    if (catalogue.DescribesInstance())
+        return Inventory(g, [&](AgentContext& c) { return RunDescribeInstance(c, catalogue.DescribeTarget()); });
     if (catalogue.Selected()) return catalogue.Run(g);
     if (*cleanup) {
         g.command = "cleanup";

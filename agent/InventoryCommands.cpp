@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include "Progress.h"
+
 namespace hxagent {
 
 using nlohmann::json;
@@ -14,7 +16,7 @@ json VMJson(const SVMInfo& v) {
     json disks = json::array();
     for (const auto& d : v.disks)
         disks.push_back({{"id", d.diskId}, {"name", d.diskName}, {"isOSDisk", d.isOSDisk}, {"diskSize", d.diskSize},
-                         {"category", d.category}});
+                         {"category", d.category}, {"device", d.diskLabel}, {"zoneId", d.zone}});
     return {{"id", v.guid},       {"name", v.name},         {"status", v.status},     {"instanceType", v.vmProfile},
             {"regionId", v.regionId}, {"zoneId", v.hostName}, {"guestOS", v.guestOS}, {"cpu", v.cpuCount},
             {"memoryMiB", v.memoryMiB}, {"disks", disks}};
@@ -114,8 +116,55 @@ InventoryOutcome RunBrowse(AgentContext& context, const std::string& path) {
     return out;
 }
 
+bool ResolveInstance(CVMInfo& vm, const std::string& wanted, bool withDisks, SVMInfo& out, JobFailure& failure) {
+    if (wanted.rfind("i-", 0) == 0) {
+        if (vm.GetVMInfoForVM("", wanted, "", 0, 0, out) == 1 && !out.guid.empty()) return true;
+        failure = PluginFailure(vm, "GetVMInfoForVM", "instance " + wanted + " not found");
+        if (failure.code == 0) failure.code = VMINFO_ERR_VM_NOT_FOUND;
+        return false;
+    }
+    std::vector<SVMInfo> list;
+    std::vector<std::string> names{wanted};
+    if (vm.GetVMInfoList(list, 0, 0, &names, FILTER_INCLUDE_NAMES) != 1) {
+        failure = PluginFailure(vm, "GetVMInfoList", "cannot list instances to find '" + wanted + "'");
+        return false;
+    }
+    std::vector<SVMInfo> exact;
+    for (auto& i : list)
+        if (i.name == wanted || i.guid == wanted) exact.push_back(i);
+    if (exact.size() != 1) {
+        failure = LocalFailure(exact.empty() ? "no instance is named '" + wanted + "'"
+                                             : std::to_string(exact.size()) + " instances are named '" + wanted +
+                                                   "'; give the instance id",
+                               kExitUsage);
+        return false;
+    }
+    if (withDisks) return ResolveInstance(vm, exact.front().guid, true, out, failure);
+    out = exact.front();
+    return true;
+}
+
+InventoryOutcome RunDescribeInstance(AgentContext& context, const std::string& instance) {
+    InventoryOutcome out;
+    auto session = context.OpenPlugin(out.failure);
+    if (!session) return out;
+    SVMInfo v;
+    if (!ResolveInstance(session->vm(), instance, true, v, out.failure)) return out;
+    out.heading = "Instance " + v.guid + " (" + v.name + "), " + v.status + ", " + v.vmProfile + ", " + v.regionId +
+                  "/" + v.hostName + ", " + std::to_string(v.cpuCount) + " vCPU, " +
+                  FormatBytes(static_cast<std::uint64_t>(v.memoryMiB) << 20) + ", " + v.guestOS;
+    out.rows.push_back({"DISK", "SYSTEM", "SIZE", "CATEGORY", "DEVICE", "ZONE", "NAME"});
+    for (const auto& d : v.disks)
+        out.rows.push_back({d.diskId, d.isOSDisk ? "yes" : "", std::to_string(d.diskSize) + " GiB", d.category,
+                            d.diskLabel, d.zone, d.diskName});
+    out.resultKey = "instance";
+    out.result = VMJson(v);
+    out.ok = true;
+    return out;
+}
+
 InventoryOutcome RunList(AgentContext& context, const std::string& region, const std::string& zone,
-                         const std::string& pattern) {
+                         const std::string& pattern, bool withDisks) {
     InventoryOutcome out;
     auto session = context.OpenPlugin(out.failure);
     if (!session) return out;
@@ -137,6 +186,16 @@ InventoryOutcome RunList(AgentContext& context, const std::string& region, const
                                 patterns.empty() ? FILTER_NONE : FILTER_INCLUDE_PATTERN) != 1) {
         out.failure = PluginFailure(vm, "GetVMInfoList", "cannot list the instances");
         return out;
+    }
+    if (withDisks) {
+        for (auto& v : list) {
+            SVMInfo full;
+            if (vm.GetVMInfoForVM("", v.guid, "", 0, 0, full) != 1) {
+                out.failure = PluginFailure(vm, "GetVMInfoForVM", "cannot read the disks of " + v.guid);
+                return out;
+            }
+            v.disks = std::move(full.disks);
+        }
     }
     return ListOutcome(std::move(list));
 }

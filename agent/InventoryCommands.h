@@ -1,4 +1,5 @@
-// `browse`, `list` and `types`: the inventory as the framework's console shows it.
+// `browse`, `list`, `types` and `describe INSTANCE`: the inventory as the framework's
+// console shows it.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -22,12 +23,23 @@ struct InventoryOutcome {
     JobFailure failure;
     std::string resultKey;  // --json prints {"ok": true, <resultKey>: result, "cloud": ...}
     nlohmann::json result;
+    std::string heading;  // a line a person sees above the rows; may be empty
     std::vector<std::vector<std::string>> rows;  // what a person sees (first row: header)
 };
 
 InventoryOutcome RunBrowse(AgentContext& context, const std::string& path);
+// With `withDisks` every instance's disks are read too (two more cloud calls per instance:
+// the plug-in's list answer carries none).
 InventoryOutcome RunList(AgentContext& context, const std::string& region, const std::string& zone,
-                         const std::string& pattern);
+                         const std::string& pattern, bool withDisks);
+// One instance (id or exact name) with its disks: id, system flag, size, category, the
+// device name ECS reports, zone.
+InventoryOutcome RunDescribeInstance(AgentContext& context, const std::string& instance);
+
+// Finds the instance by id or by exact name (exactly one must match; several of one name is
+// a usage error that asks for the id). With `withDisks` the answer has the disks even when
+// it was found by name. False with `failure` set otherwise.
+bool ResolveInstance(CVMInfo& vm, const std::string& wanted, bool withDisks, SVMInfo& out, JobFailure& failure);
 InventoryOutcome RunTypes(AgentContext& context, const std::string& host);
 
 // Prints rows as aligned columns.

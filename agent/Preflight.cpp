@@ -7,6 +7,22 @@
 
 namespace hxagent {
 
+std::string CheckExcludedDisks(const SVMInfo& instance, const std::vector<std::string>& patterns) {
+    for (const auto& pattern : patterns) {
+        MountCtx one;
+        one.excludedDisks = {pattern};
+        const bool matches = std::any_of(instance.disks.begin(), instance.disks.end(),
+                                         [&](const SDisk& d) { return CVMInfo::IsDiskFiltered(one, d); });
+        if (matches) continue;
+        std::string disks;
+        for (const auto& d : instance.disks)
+            disks += (disks.empty() ? "" : ", ") + d.diskId + (d.diskName.empty() ? "" : " (" + d.diskName + ")");
+        return "--exclude-disk '" + pattern + "' matches no disk of " + instance.guid + "; its disks: " +
+               (disks.empty() ? "none" : disks) + " (see 'hxagent describe " + instance.guid + "')";
+    }
+    return {};
+}
+
 namespace {
 
 // Decodes one UTF-8 code point at `i` (advancing it); 0xFFFD for a malformed sequence.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Manifest.h"
+#include "VMInfo.h"
 #include "hxbridge/HostBridge.h"
 
 namespace hxagent {
@@ -17,6 +18,12 @@ struct RestoreRequest;
 // character; then letters, Chinese characters, digits, ':', '_', '.', '-'; never
 // "http://" or "https://" at the start. "" when valid, else why not.
 std::string CheckInstanceName(const std::string& name);
+
+// A backup's --exclude-disk patterns against the instance's disks (as the plug-in matches
+// them: disk id or disk name, glob, case-insensitive). A pattern that matches no disk is
+// almost always a typo that would back up a disk meant to be left out, so it is refused:
+// "" when every pattern matches a disk, else the refusal naming the pattern and the disks.
+std::string CheckExcludedDisks(const SVMInfo& instance, const std::vector<std::string>& patterns);
 
 // The backup's own consistency: exactly one system disk, a configuration document the
 // restore can read. "" when fine, else the refusal.

@@ -84,8 +84,10 @@ CatalogueCli::CatalogueCli(CLI::App& app) {
     backups_->add_option("--instance", instance_, "Only the backups of this instance id");
     AddRepositoryOptions(backups_, backupsRepo_);
 
-    describe_ = app.add_subcommand("describe", "Show one backup's manifest");
-    describe_->add_option("backup", backup_, "Backup folder, or backup id with --repo")->required();
+    describe_ = app.add_subcommand("describe", "Show one backup's manifest, or one instance with its disks");
+    describe_->add_option("backup", backup_,
+                          "Backup folder, backup id with --repo, or an instance (id or exact name)")
+        ->required();
     AddRepositoryOptions(describe_, describeRepo_);
 
     verify_ = app.add_subcommand("verify", "Read a backup back and check every checksum");
@@ -102,6 +104,13 @@ CatalogueCli::CatalogueCli(CLI::App& app) {
     forget_->add_flag("--prune", prune_, "Then free the space (restic prune)");
     forget_->add_flag("--dry-run", dryRun_, "Only list what would be removed");
     AddRepositoryOptions(forget_, forgetRepo_);
+}
+
+bool CatalogueCli::DescribesInstance() const {
+    if (!*describe_ || !describeRepo_.repository.empty()) return false;
+    std::error_code ec;
+    if (std::filesystem::is_directory(backup_, ec)) return false;
+    return backup_.rfind("i-", 0) == 0 || !describeRepo_.Location(true).has_value();
 }
 
 bool CatalogueCli::Selected() const { return *backups_ || *describe_ || *verify_ || *forget_; }

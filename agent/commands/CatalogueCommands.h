@@ -27,6 +27,11 @@ public:
     explicit CatalogueCli(CLI::App& app);
     // Whether one of the catalogue commands was given (after parsing).
     bool Selected() const;
+    // `describe` names an instance rather than a backup: no --repo, not an existing folder,
+    // and either an instance id (i-...) or, with no RESTIC_REPOSITORY to look a backup id
+    // up in, anything else (an instance name).
+    bool DescribesInstance() const;
+    const std::string& DescribeTarget() const { return backup_; }
     int Run(const GlobalOptions& g);
 
 private:
