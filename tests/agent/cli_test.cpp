@@ -19,7 +19,7 @@ struct CliRun {
     std::string out, err;
 };
 
-CliRun Run(std::vector<std::string> args) {
+CliRun RunHxagent(std::vector<std::string> args) {
     args.insert(args.begin(), "hxagent");
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
@@ -39,7 +39,7 @@ TEST(Cli, VersionPrintsTheProjectVersionAlone) {
     for (const char* where : {"", "list"}) {  // also after a command, as help2man asks it
         std::vector<std::string> args = {"--version"};
         if (*where) args.insert(args.begin(), where);
-        CliRun run = Run(args);
+        CliRun run = RunHxagent(args);
         EXPECT_EQ(run.status, 0) << where;
         EXPECT_EQ(run.out, "hxagent " HX_VERSION "\n") << where;
         EXPECT_EQ(run.err, "") << where;
@@ -51,12 +51,12 @@ TEST(Cli, WithoutTheEmulatorDemoSimAndEmbeddedAreRefusedInOneLine) {
     const std::vector<std::vector<std::string>> refused = {
         {"demo"}, {"sim"}, {"sim", "--port", "0"}, {"--embedded", "list"}, {"backup", "i-1", "--to", "x", "--embedded"}};
     for (const auto& args : refused) {
-        CliRun run = Run(args);
+        CliRun run = RunHxagent(args);
         EXPECT_EQ(run.status, 2) << args[0];
         EXPECT_EQ(run.out, "") << args[0];
         EXPECT_EQ(run.err, std::string("hxagent: error: ") + kNoEmulatorMessage + "\n") << args[0];
     }
-    CliRun json = Run({"--json", "demo"});
+    CliRun json = RunHxagent({"--json", "demo"});
     EXPECT_EQ(json.status, 2);
     EXPECT_THAT(json.out, testing::HasSubstr(kNoEmulatorMessage));
     EXPECT_THAT(json.out, testing::HasSubstr("\"ok\": false"));
