@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "BackupJob.h"
+#include "BuiltInEmulator.h"
 #include "EvDebug.h"
 #include "CleanupJob.h"
 #include "DemoCommand.h"
@@ -17,6 +18,7 @@
 #include "RestoreJob.h"
 #include "Signals.h"
 #include "SimCommand.h"
+#include "Version.h"
 #include "commands/CatalogueCommands.h"
 #include "commands/RepositoryRestore.h"
 #include "storage/RepositoryCleanup.h"
@@ -155,13 +157,16 @@ int RunCli(int argc, char** argv) {
         "Credentials follow the Alibaba Cloud chain: ALIBABA_CLOUD_ACCESS_KEY_ID and ALIBABA_CLOUD_ACCESS_KEY_SECRET\n"
         "(+ ALIBABA_CLOUD_SECURITY_TOKEN), OIDC, a profile of ~/.aliyun/config.json (any mode),\n"
         "ALIBABA_CLOUD_ECS_METADATA, ALIBABA_CLOUD_CREDENTIALS_URI, then the instance's RAM role. With none of\n"
-        "them a command fails; the built-in ECS emulator runs only for demo, sim and --embedded."};
+        "them a command fails; the built-in ECS emulator runs only for demo, sim and --embedded.",
+        "hxagent"};
     app.require_subcommand(1);
     app.fallthrough();
+    app.set_version_flag("--version", std::string("hxagent ") + kAgentVersion, "Print the version and exit");
 
     GlobalOptions g;
     double timeScale = -1;
-    app.add_option("--plugin", g.pluginPath, "Plug-in library (default: libAliCloudInfo.so next to hxagent)");
+    app.add_option("--plugin", g.pluginPath,
+                   "Plug-in library (default: libAliCloudInfo.so next to hxagent, else in ../lib/hxagent)");
     app.add_option("--state-dir", g.stateDir,
                    "Folder for the cleaner store, logs and job work folders (default: $XDG_STATE_HOME/hxagent; "
                    "with the built-in emulator a temporary folder)");
@@ -255,6 +260,8 @@ int RunCli(int argc, char** argv) {
         return code == 0 ? kExitOk : kExitUsage;
     }
     if (timeScale >= 0) g.timeScale = timeScale;
+    if ((*sim || *demo || g.embedded) && !HasBuiltInEmulator())
+        return Fail(LocalFailure(kNoEmulatorMessage, kExitUsage), nullptr, g.json);
     InstallCancelHandlers();
 
     if (*browse) return Inventory(g, [&](AgentContext& c) { return RunBrowse(c, browsePath); });

@@ -22,32 +22,24 @@ std::string ScaleText(double scale) {
 }
 
 bool StartEmbedded(const CloudRequest& request, CloudTarget& out, std::string& error) {
-    hxsim::Options options;
-    options.timeScale = request.timeScale.value_or(kEmbeddedTimeScale);
-    options.stateDir = request.emulatorStateDir;
-    options.scenarioFile = request.scenarioFile;
-    auto emulator = std::make_unique<hxsim::Emulator>(options);
-    auto started = emulator->Start();
-    if (!started.ok()) {
-        error = "the built-in emulator did not start: " + started.error;
+    const double scale = request.timeScale.value_or(kEmbeddedTimeScale);
+    EmbeddedWorld world;
+    if (!StartBuiltInEmulator(scale, request.emulatorStateDir, request.scenarioFile, out.emulator, world, error))
         return false;
-    }
     out.kind = CloudKind::Embedded;
-    out.endpoint = started.endpoint;
-    out.timeScale = options.timeScale;
-    out.devRoot = (emulator->DeviceRoot() / "dev").string();
-    out.sysRoot = (emulator->DeviceRoot() / "sys").string();
-    auto demo = emulator->DemoCredentials();
-    out.credentials = {demo.accessKeyId, demo.accessKeySecret, demo.securityToken, "", "the built-in emulator"};
-    out.region = emulator->ProxyRegionId();
+    out.endpoint = world.endpoint;
+    out.timeScale = scale;
+    out.devRoot = world.devRoot;
+    out.sysRoot = world.sysRoot;
+    out.credentials = world.credentials;
+    out.region = world.region;
     // Before the plug-in connects: the bridge reads these when it is connected.
-    SetEnv("ALIBABA_CLOUD_ECS_ENDPOINT", started.endpoint);
-    SetEnv("ALIBABA_CLOUD_METADATA_ENDPOINT", emulator->MetadataEndpoint());
+    SetEnv("ALIBABA_CLOUD_ECS_ENDPOINT", world.endpoint);
+    SetEnv("ALIBABA_CLOUD_METADATA_ENDPOINT", world.metadataEndpoint);
     SetEnv("ALIBABA_CLOUD_BRIDGE_TIME_SCALE", ScaleText(out.timeScale));
     ::unsetenv("ALIBABA_CLOUD_SECURITY_TOKEN");
     ::unsetenv("ALIBABA_CLOUD_REGION_ID");
     ::unsetenv("ALIBABA_CLOUD_BRIDGE_CREDENTIALS");
-    out.emulator = std::move(emulator);
     return true;
 }
 

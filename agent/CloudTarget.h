@@ -28,8 +28,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "BuiltInEmulator.h"
 #include "Credentials.h"
-#include "hxsim/Emulator.h"
 
 namespace hxagent {
 
@@ -54,7 +54,7 @@ struct CloudTarget {
     std::string region;          // the configured or the proxy's region; empty = not known yet
     std::string devRoot, sysRoot;// for the runtime's disk mapper; empty = /dev, /sys
     double timeScale = 1.0;
-    std::unique_ptr<hxsim::Emulator> emulator;  // the embedded one, when running
+    EmulatorHandle emulator;                    // the embedded one, when running
     std::string Describe() const;               // one line, no secret
     // {"kind": "built-in emulator"|"emulator"|"cloud", "endpoint", "region", "credentials"}:
     // the same facts for JSON output; no secret.

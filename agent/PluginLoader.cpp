@@ -4,8 +4,20 @@
 #include <unistd.h>
 
 #include <climits>
+#include <filesystem>
+
+#include "hx_build_info.h"
 
 namespace hxagent {
+
+std::string PluginPathFor(const std::string& exeDir) {
+    const std::string beside = exeDir + "/" + kPluginFileName;
+    const std::string installed = exeDir + "/" + HX_PLUGIN_DIR_FROM_BIN + "/" + kPluginFileName;
+    std::error_code ec;
+    if (!std::filesystem::exists(beside, ec) && std::filesystem::exists(installed, ec))
+        return std::filesystem::path(installed).lexically_normal().string();
+    return beside;
+}
 
 std::string DefaultPluginPath() {
     char buf[PATH_MAX];
@@ -13,7 +25,7 @@ std::string DefaultPluginPath() {
     if (n <= 0) return kPluginFileName;
     std::string exe(buf, static_cast<size_t>(n));
     auto slash = exe.rfind('/');
-    return (slash == std::string::npos ? std::string(".") : exe.substr(0, slash)) + "/" + kPluginFileName;
+    return PluginPathFor(slash == std::string::npos ? std::string(".") : exe.substr(0, slash));
 }
 
 std::unique_ptr<LoadedPlugin> LoadedPlugin::Load(const std::string& path, VirtualServerInstanceType type,

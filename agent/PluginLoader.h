@@ -13,8 +13,12 @@ namespace hxagent {
 inline constexpr const char* kPluginFileName = "libAliCloudInfo.so";
 inline constexpr const char* kPluginFactory = "CreateAliCloudInfoObject";
 
-// Default plug-in path: libAliCloudInfo.so in the folder of the running executable.
+// Default plug-in path: libAliCloudInfo.so in the folder of the running executable (a build
+// tree), else in the private library folder of an installed tree (HX_PLUGIN_DIR_FROM_BIN,
+// ../lib/hxagent from bin/), else the first of the two, which the load error then names.
 std::string DefaultPluginPath();
+// The same choice for an executable in `exeDir`.
+std::string PluginPathFor(const std::string& exeDir);
 
 class LoadedPlugin {
 public:

@@ -7,7 +7,9 @@
 #include <chrono>
 #include <filesystem>
 
+#include "EvDebug.h"
 #include "RuntimeSetup.h"
+#include "Version.h"
 #include "hxruntime/HostApi.h"
 
 namespace hxagent {
@@ -26,6 +28,12 @@ bool MakeDirs(const std::string& path, std::string& error) {
     }
     ::chmod(path.c_str(), 0700);
     return true;
+}
+
+// The first line of every job log: which hxagent wrote it, for what, against which cloud.
+void LogStart(const std::string& command, const CloudTarget& target) {
+    const std::string what = command.empty() ? std::string() : " " + command;
+    EvDebug::Write(EvLogKind::Debug, 0, "hxagent", std::string("hxagent ") + kAgentVersion + what + " on " + target.Describe());
 }
 
 // A failed command on the built-in emulator keeps its log and nothing else (the emulator's
@@ -117,14 +125,14 @@ std::unique_ptr<AgentContext> AgentContext::Create(const GlobalOptions& options,
         failure = LocalFailure(error, kExitUsage);
         return nullptr;
     }
+    LogStart(options.command, ctx->target_);
     return ctx;
 }
 
 AgentContext::~AgentContext() {
     cloud_.reset();
     record_.reset();
-    if (target_.emulator) target_.emulator->Stop();
-    target_.emulator.reset();
+    target_.emulator.reset();  // stops it
     hxruntime::CloseLog();
     if (temporaryState_) {
         std::error_code ec;
@@ -187,6 +195,7 @@ bool AgentContext::MakeWorkFolder(const std::string& prefix, std::string& path, 
 
 std::unique_ptr<PluginSession> AgentContext::OpenPlugin(JobFailure& failure, long long jobIdOffset) {
     hxruntime::SetJobId(jobId_ + jobIdOffset);
+    if (jobIdOffset != 0) LogStart(options_.command, target_);  // a log file of its own
     hxruntime::ClearCancel();
     if (!Cloud(failure)) return nullptr;
     // Read by the bridge when the plug-in connects: every object it creates for this job

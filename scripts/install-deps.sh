@@ -3,12 +3,13 @@
 # Safe to run again: it installs nothing when everything is there.
 set -euo pipefail
 
+# file and help2man: the Debian package's computed dependencies (cpack) and the man page.
 packages=(
-  build-essential cmake pkg-config
+  build-essential cmake pkg-config file help2man
   libgtest-dev libgmock-dev libbenchmark-dev
   libcurl4-openssl-dev libssl-dev ca-certificates
   nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
-  libspdlog-dev libfmt-dev libsqlite3-dev
+  libsqlite3-dev
   restic rclone
 )
 # Node.js and npm run the official SDK conformance test of the emulator. A machine may carry

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything with AddressSanitizer and UndefinedBehaviorSanitizer and runs every test;
-# then the kill walks (hxagent killed after every cloud call of whole jobs) on an optimised
-# build. Usage: scripts/test.sh [extra ctest arguments for the first run; the walks are skipped]
+# then, on an optimised build, the Debian packages (built, unpacked, run) and the kill walks
+# (hxagent killed after every cloud call of whole jobs), and last the production build
+# without the emulator and its tests.
+# Usage: scripts/test.sh [extra ctest arguments for the first run; the later steps are skipped]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,6 +26,16 @@ if [ "$#" -eq 0 ]; then
   walk=build-walk
   cmake -S . -B "$walk" -DCMAKE_BUILD_TYPE=Release -DHX_BUILD_TESTS=ON
   cmake --build "$walk" -j"$(nproc)" --target e2e_kill_walk_tests hxagent AliCloudInfo HXAliCloudSDKCppBridge
+  # The Debian packages from the same optimised tree, unpacked and run as a user gets them.
+  mapfile -t debs < <(scripts/package.sh "$walk" "$walk/dist")
+  scripts/check-package.sh "${debs[@]}"
   # The walks wait on the emulator's time-scaled transitions as much as they compute.
   ctest --test-dir "$walk" --output-on-failure -j4 -R 'KillWalk'
+
+  # The production configuration, without the emulator: it builds, and the tests that need
+  # no emulator pass (the others are not even configured there).
+  prod=build-prod
+  cmake -S . -B "$prod" -DCMAKE_BUILD_TYPE=Release -DHX_SKIP_COMPONENTS=sim -DHX_BUILD_TESTS=ON
+  cmake --build "$prod" -j"$(nproc)"
+  ctest --test-dir "$prod" --output-on-failure -j"$(nproc)"
 fi

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <mutex>
 
+#include "hx_build_info.h"
 #include "hxsim/Emulator.h"
 
 namespace {
@@ -13,6 +14,7 @@ void OnSignal(int) { g_stop = 1; }
 
 int main(int argc, char** argv) {
   CLI::App app{"ecs-sim: a local Alibaba Cloud ECS API (2014-05-26) emulator"};
+  app.set_version_flag("--version", "ecs-sim " HX_VERSION, "Print the version and exit");
   hxsim::Options options;
   std::string stateDir, deviceRoot, scenario;
   bool printScenario = false;

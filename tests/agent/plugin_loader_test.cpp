@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 #include "PluginLoader.h"
 
@@ -48,6 +49,32 @@ TEST(PluginLoader, ReportsWhyLoadingFailed) {
         EXPECT_FALSE(plugin) << c.what;
         EXPECT_NE(error.find(c.expect), std::string::npos) << c.what << ": " << error;
     }
+}
+
+TEST(PluginLoader, FindsThePluginBesideTheExecutableElseInTheInstalledLibraryFolder) {
+    namespace fs = std::filesystem;
+    const fs::path root = fs::temp_directory_path() / ("hxagent-plugin-path-" + std::to_string(::getpid()));
+    const std::string beside = (root / "bin/libAliCloudInfo.so").string();
+    const std::string installed = (root / "lib/hxagent/libAliCloudInfo.so").string();
+    struct Case {
+        const char* what;
+        bool hasBeside, hasInstalled;
+        std::string expect;
+    } cases[] = {
+        {"build tree", true, false, beside},
+        {"both: the build tree's wins", true, true, beside},
+        {"installed tree", false, true, installed},
+        {"neither: the load error names the build-tree path", false, false, beside},
+    };
+    for (const auto& c : cases) {
+        fs::remove_all(root);
+        fs::create_directories(root / "bin");
+        fs::create_directories(root / "lib/hxagent");
+        if (c.hasBeside) std::ofstream(beside) << "";
+        if (c.hasInstalled) std::ofstream(installed) << "";
+        EXPECT_EQ(PluginPathFor((root / "bin").string()), c.expect) << c.what;
+    }
+    fs::remove_all(root);
 }
 
 TEST(PluginLoader, DefaultPathIsNextToTheExecutable) {

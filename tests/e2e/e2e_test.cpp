@@ -3,6 +3,7 @@
 #include "AgentFixture.h"
 
 #include "AliCloudSDKCppBridge.h"
+#include "hx_build_info.h"
 
 namespace {
 
@@ -35,6 +36,13 @@ TEST_F(AgentE2E, BackupAndRestoreUnderANewNameIsByteIdentical) {
     // The configuration document is there under a clean name, and is the only other JSON.
     EXPECT_TRUE(fs::is_regular_file(folder + "/" + m.configFile));
     EXPECT_EQ(m.configFile, sourceId + "_InstanceConfig.json");
+    // The manifest and the job log name the hxagent that wrote them.
+    EXPECT_EQ(m.agentVersion, HX_VERSION);
+    const std::string suffix = "-job-" + std::to_string(m.jobId) + ".log";
+    std::string firstLine;
+    for (const auto& e : fs::directory_iterator(dir_ + "/state/logs"))
+        if (e.path().filename().string().ends_with(suffix)) std::getline(std::ifstream(e.path()), firstLine);
+    EXPECT_NE(firstLine.find("[hxagent] hxagent " HX_VERSION " backup on "), std::string::npos) << firstLine;
     ExpectNothingLeft();
 
     RunResult r = Run({"restore", folder, "--name", "app-01-copy", "--power-on"});
