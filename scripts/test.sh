@@ -39,5 +39,4 @@ if [ "$#" -eq 0 ]; then
   cmake -S . -B "$prod" -DCMAKE_BUILD_TYPE=Release -DHX_SKIP_COMPONENTS=sim -DHX_BUILD_TESTS=ON
   cmake --build "$prod" -j"$(nproc)" --target shipped agent_unit_tests
   ctest --test-dir "$prod" --output-on-failure -j"$(nproc)" -R '^(agent|packaging)\.'
-
 fi
