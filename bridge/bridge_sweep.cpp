@@ -3,16 +3,17 @@
 #include <algorithm>
 
 #include "bridge_impl.h"
+#include "bridge_common.h"
 #include "json_util.h"
 #include "mapping.h"
 
 using namespace hxbridge;
+using namespace hxbridge::bridge_detail;
 using Impl = AliCloudSDKCppBridge::CAliCloudSDKCppBridge::Impl;
 using nlohmann::json;
 
 namespace {
 
-constexpr const char* kAllImageStatuses = "Creating,Waiting,Available,UnAvailable,CreateFailed,Deprecated";
 const char* const kOwnershipKeys[] = {kCreatedByTagKey, kProxyTagKey,  kJobTagKey,
                                       kJobOwnerTagKey,  kRoleTagKey,   kRestoreStateTagKey};
 
@@ -36,10 +37,6 @@ OwnedObject ToOwned(const std::string& kind, const char* idKey, const json& item
 }
 
 std::string Describe(const OwnedObject& o) { return o.kind + " " + o.id; }
-
-void RequireArg(const std::string& value, const std::string& name) {
-    if (value.empty()) throw ApiError(ApiError::Kind::Client, "MissingParameter", name + " is empty");
-}
 
 }  // namespace
 
