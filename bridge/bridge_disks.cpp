@@ -1,6 +1,8 @@
 // Disks: create (and wait), look up, attach, detach and delete.
 #include "bridge_impl.h"
 
+#include <algorithm>
+
 #include "bridge_common.h"
 #include "json_util.h"
 #include "mapping.h"
@@ -28,7 +30,7 @@ void Impl::CreateDisk(const std::string& regionId, const std::string& zoneId, SD
     const std::int64_t minimum = MinimumDiskSizeGiB(diskCategory, disk.performanceLevel);
     long long size = sizeGiB;
     if (!snapshotId.empty() && size <= 0) {
-        const json snap = Require(Kind::Snapshot, regionId, snapshotId);
+        const json snap = Current(Kind::Snapshot, regionId, snapshotId);
         if (jv::Int(snap, "SourceDiskSize") < minimum) size = minimum;
     } else if (size > 0 && size < minimum) {
         size = minimum;
@@ -44,32 +46,106 @@ void Impl::CreateDisk(const std::string& regionId, const std::string& zoneId, SD
     const std::string id = jv::Str(answer, "DiskId");
     if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateDisk returned no DiskId");
     Remember(id, regionId);
-    // The id is handed out even if the wait fails, so that the caller can delete the disk.
+    // What the request settled; the wait for Available comes with the next use of the disk
+    // (see "Deferred waits"), together with the other disks created meanwhile.
     disk.diskId = id;
-    json last;
-    WaitUntil(waits_.createDisk, deps_.time,
+    disk.diskName = diskName;
+    disk.category = diskCategory;
+    if (size > 0) disk.diskSize = size;
+    else if (!snapshotId.empty()) disk.diskSize = jv::Int(Current(Kind::Snapshot, regionId, snapshotId), "SourceDiskSize");
+    disk.size = disk.diskSize * (1ll << 30);
+    disk.zone = zoneId;
+    disk.createFlag = encrypted;
+    disk.diskType = 1;
+    pendingDisks_[id] = {regionId, "becoming Available", "", waits_.createDisk};
+}
+
+void Impl::SettleDisk(const std::string& diskId) {
+    auto it = pendingDisks_.find(diskId);
+    if (it == pendingDisks_.end()) return;
+    const std::string region = it->second.region;
+    const std::string what = "disk " + diskId + " " + it->second.what;
+    // Time has passed since the request (the caller did other work): the first probe comes at once.
+    WaitUntil(ProbeAtOnce(it->second.bound), deps_.time,
               [&] {
-                  auto found = Find(Kind::Disk, regionId, id);
-                  if (!found) return false;  // not yet visible to Describe (eventual consistency)
-                  last = *found;
-                  return jv::Str(last, "Status") == "Available";
+                  PollPendingDisks(region);
+                  return !pendingDisks_.count(diskId);
               },
-              "disk " + id + " becoming Available");
-    disk = DiskFromJson(last);
+              what);
+}
+
+void Impl::PollPendingDisks(const std::string& regionId) {
+    std::vector<std::string> ids;
+    for (const auto& [id, pending] : pendingDisks_) {
+        if (pending.region == regionId && ids.size() < 100) ids.push_back(id);
+    }
+    if (ids.empty()) return;
+    std::vector<json> list;
+    try {
+        const json answer = Call("DescribeDisks", regionId, {{"DiskIds", jv::IdArray(ids)}, {"MaxResults", "100"}});
+        list = jv::RequiredList(answer, "Disks", "Disk", "DescribeDisks");
+    } catch (const ApiError& e) {
+        // As Find: some ECS versions answer NotFound instead of an empty list.
+        if (!(e.kind() == ApiError::Kind::Service && e.IsNotFound())) throw;
+    }
+    for (const json& d : list) {
+        const std::string id = jv::Str(d, "DiskId");
+        if (!pendingDisks_.count(id)) continue;
+        Keep(id, d);
+        // Both deferred waits end in Available (a created disk, a detached one).
+        if (jv::Str(d, "Status") == "Available") pendingDisks_.erase(id);
+    }
+    // A created disk not listed may not be visible yet (eventual consistency): it stays pending
+    // until the wait's bound. A detached disk not listed is gone: nothing is left to wait for.
+    for (const std::string& id : ids) {
+        auto it = pendingDisks_.find(id);
+        if (it == pendingDisks_.end() || it->second.detachedFrom.empty()) continue;
+        const bool listed = std::any_of(list.begin(), list.end(), [&](const json& d) { return jv::Str(d, "DiskId") == id; });
+        if (!listed) {
+            pendingDisks_.erase(it);
+            Forget(id);
+        }
+    }
 }
 
 void Impl::GetDiskInfo(const std::string& regionId, const std::string& diskId, SDisk& out) {
     RequireArg(diskId, "disk id");
-    out = DiskFromJson(Require(Kind::Disk, RegionOr(regionId, Kind::Disk, diskId), diskId));
+    SettleDisk(diskId);
+    out = DiskFromJson(Current(Kind::Disk, RegionOr(regionId, Kind::Disk, diskId), diskId));
 }
 
 void Impl::DoesDiskExist(const std::string& regionId, const std::string& diskId, bool& exists) {
     RequireArg(diskId, "disk id");
+    SettleDisk(diskId);
+    exists = Exists(Kind::Disk, regionId, diskId);
+}
+
+void Impl::RequestAttach(const std::string& region, const std::string& instanceId, const std::string& diskId,
+                         bool checkedAgainstKept, bool& limitReached) {
+    const Params request{{"InstanceId", instanceId}, {"DiskId", diskId}};
     try {
-        exists = Find(Kind::Disk, RegionOr(regionId, Kind::Disk, diskId), diskId).has_value();
+        Call("AttachDisk", region, request);
     } catch (const ApiError& e) {
-        if (!(e.kind() == ApiError::Kind::Service && e.IsNotFound())) throw;
-        exists = false;
+        if (e.code() == "InstanceDiskLimitExceeded") {
+            // Disks this bridge detached from the instance hold their slots until ECS has
+            // finished detaching them: wait for those, then ask once more.
+            limitReached = true;
+            if (!SettleDetachesFrom(instanceId)) throw;
+            limitReached = false;
+            try {
+                Call("AttachDisk", region, request);
+            } catch (const ApiError& again) {
+                limitReached = again.code() == "InstanceDiskLimitExceeded";
+                throw;
+            }
+            return;
+        }
+        // After a lost answer the first attempt may have attached it already; after a check
+        // against a kept answer, something else may have.
+        const json now = Require(Kind::Disk, region, diskId);
+        const bool underway = jv::Str(now, "InstanceId") == instanceId &&
+                              (jv::Str(now, "Status") == "In_use" || jv::Str(now, "Status") == "Attaching");
+        if (!((e.mayHaveSucceeded() || checkedAgainstKept) && underway)) throw;
     }
 }
 
@@ -79,27 +155,20 @@ void Impl::AttachDisk(const std::string& instanceId, const std::string& diskId, 
     RequireArg(instanceId, "instance id");
     RequireArg(diskId, "disk id");
     const std::string region = RegionOf(Kind::Instance, instanceId);
+    SettleDisk(diskId);
     auto attachedHere = [&](const json& d) {
         return jv::Str(d, "InstanceId") == instanceId && jv::Str(d, "Status") == "In_use";
     };
-    json disk = Require(Kind::Disk, region, diskId);
-    if (!attachedHere(disk)) {
-        try {
-            Call("AttachDisk", region, {{"InstanceId", instanceId}, {"DiskId", diskId}});
-        } catch (const ApiError& e) {
-            if (e.code() == "InstanceDiskLimitExceeded") {
-                limitReached = true;
-                throw;
-            }
-            // After a lost answer the first attempt may have attached it already.
-            const json now = Require(Kind::Disk, region, diskId);
-            const bool underway = jv::Str(now, "InstanceId") == instanceId &&
-                                  (jv::Str(now, "Status") == "In_use" || jv::Str(now, "Status") == "Attaching");
-            if (!(e.mayHaveSucceeded() && underway)) throw;
-        }
+    const bool fromKept = Kept(diskId).has_value();
+    const bool issued = !attachedHere(Current(Kind::Disk, region, diskId));
+    if (issued) {
+        Forget(diskId);
+        Forget(DiskListKey(instanceId));
+        RequestAttach(region, instanceId, diskId, fromKept, limitReached);
     }
     if (!waitUntilAttached) return;
-    WaitUntil(waits_.attachDisk, deps_.time, [&] { return attachedHere(Require(Kind::Disk, region, diskId)); },
+    WaitUntil(issued ? waits_.attachDisk : ProbeAtOnce(waits_.attachDisk), deps_.time,
+              [&] { return attachedHere(Require(Kind::Disk, region, diskId)); },
               "disk " + diskId + " becoming In_use on " + instanceId);
 }
 
@@ -107,32 +176,50 @@ void Impl::DetachDisk(const std::string& instanceId, const std::string& diskId, 
     RequireArg(instanceId, "instance id");
     RequireArg(diskId, "disk id");
     const std::string region = RegionOr(regionId, Kind::Disk, diskId);
-    json disk = Require(Kind::Disk, region, diskId);
+    SettleDisk(diskId);
+    const bool fromKept = Kept(diskId).has_value();
+    json disk = Current(Kind::Disk, region, diskId);
     const std::string status = jv::Str(disk, "Status");
-    if (status != "Available" && status != "Detaching") {
+    if (status == "Available") return;
+    const bool issued = status != "Detaching";
+    if (issued) {
+        Forget(diskId);
+        Forget(DiskListKey(instanceId));
         try {
             Call("DetachDisk", region, {{"InstanceId", instanceId}, {"DiskId", diskId}});
         } catch (const ApiError& e) {
             const std::string now = jv::Str(Require(Kind::Disk, region, diskId), "Status");
-            if (!(e.mayHaveSucceeded() && (now == "Available" || now == "Detaching"))) throw;
+            if (!((e.mayHaveSucceeded() || fromKept) && (now == "Available" || now == "Detaching"))) throw;
         }
     }
-    WaitUntil(waits_.detachDisk, deps_.time,
-              [&] { return jv::Str(Require(Kind::Disk, region, diskId), "Status") == "Available"; },
-              "disk " + diskId + " becoming Available after detaching");
+    // The wait for Available comes with the next use of the disk (see "Deferred waits").
+    pendingDisks_[diskId] = {region, "becoming Available after detaching from " + instanceId, instanceId,
+                             waits_.detachDisk};
+}
+
+bool Impl::SettleDetachesFrom(const std::string& instanceId) {
+    std::vector<std::string> ids;
+    for (const auto& [id, pending] : pendingDisks_) {
+        if (pending.detachedFrom == instanceId) ids.push_back(id);
+    }
+    for (const auto& id : ids) SettleDisk(id);
+    return !ids.empty();
 }
 
 void Impl::DeleteDisk(const std::string& diskId) {
+    SettleDisk(diskId);
     auto [region, disk] = Locate(Kind::Disk, diskId);
     if (!disk) {
         regionOf_.erase(diskId);  // gone already: what a delete is for
         return;
     }
     RequireOwned(Kind::Disk, *disk, diskId);
+    Forget(diskId);
     try {
         Call("DeleteDisk", region, {{"DiskId", diskId}});
     } catch (const ApiError& e) {
-        if (!(e.IsNotFound() && e.mayHaveSucceeded())) throw;
+        // NotFound: gone since it was last seen (or by an earlier attempt); the wait confirms.
+        if (!e.IsNotFound()) throw;
     }
     WaitUntilGone(Kind::Disk, region, diskId);
     regionOf_.erase(diskId);

@@ -55,14 +55,16 @@ void Impl::CreateImageFromDiskSnapshots(const std::string& regionId, const std::
 void Impl::DeleteImage(const std::string& regionId, const std::string& imageId, bool force) {
     RequireArg(imageId, "image id");
     // Without a region (a cleanup that knows only the id) an image no region lists is gone.
+    std::optional<json> kept = Kept(imageId);
     auto [region, image] = regionId.empty() ? Locate(Kind::Image, imageId)
-                                            : std::pair{regionId, Find(Kind::Image, regionId, imageId)};
+                                            : std::pair{regionId, kept ? kept : Find(Kind::Image, regionId, imageId)};
     if (!image) {
         // ECS ignores an unknown id; there is nothing to delete or to wait for.
         regionOf_.erase(imageId);
         return;
     }
     RequireOwned(Kind::Image, *image, imageId);
+    Forget(imageId);
     Call("DeleteImage", region, {{"ImageId", imageId}, {"Force", force ? "true" : "false"}});
     WaitUntilGone(Kind::Image, region, imageId);
     regionOf_.erase(imageId);

@@ -4,6 +4,7 @@
 #include "bridge_impl.h"
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 
 #include "bridge_common.h"
@@ -102,10 +103,15 @@ void Impl::Connect(const std::string& accessKeyId, const std::string& accessKeyS
     EndpointResolver endpoints{deps_.settings.ecsEndpoint, deps_.settings.vpcNetwork};
     metadata_ = std::make_unique<MetadataClient>(deps_.metadataTransport, deps_.settings.metadataEndpoint);
     api_ = std::make_unique<ApiClient>(deps_.ecsTransport, deps_.signer, credentials, endpoints, options);
+    // Keyed by the secret's hash too, so that a wrong secret never reuses a right one's
+    // answers: its Connect asks ECS and fails (the hash stays in this process).
+    answers_ = SharedAnswers::For(deps_.settings.ecsEndpoint + "\n" + accessKeyId + "\n" +
+                                  std::to_string(std::hash<std::string>{}(accessKeySecret)));
     try {
         Regions();  // proves the credentials and the endpoint; the list is needed anyway
     } catch (...) {
         api_.reset();
+        answers_.reset();
         throw;
     }
 }
@@ -113,8 +119,9 @@ void Impl::Connect(const std::string& accessKeyId, const std::string& accessKeyS
 void Impl::Disconnect() {
     api_.reset();
     regionOf_.clear();
-    regions_.clear();
-    instanceTypes_.clear();
+    answers_.reset();
+    pendingSnapshots_.clear();
+    pendingDisks_.clear();
     vmCache_.clear();
 }
 

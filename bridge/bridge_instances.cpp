@@ -33,9 +33,8 @@ Impl::SVMInfo Impl::DescribeWithDisks(const std::string& instanceId, json* insta
                                       std::string* regionOut) {
     RequireArg(instanceId, "instance id");
     const std::string region = RegionOf(Kind::Instance, instanceId);
-    json instance = Require(Kind::Instance, region, instanceId);
-    std::vector<json> disks = ListPaged("DescribeDisks", region, {{"InstanceId", instanceId}, {"MaxResults", "100"}},
-                                        "Disks", "Disk");
+    json instance = Current(Kind::Instance, region, instanceId);
+    std::vector<json> disks = DisksOf(region, instanceId);
     SVMInfo vm = InstanceFromJson(instance, ArchitectureFor(region, instance));
     if (vm.regionId.empty()) vm.regionId = region;
     // System disk first: restores and the backup's OS-disk checks look for it there.
@@ -50,6 +49,28 @@ Impl::SVMInfo Impl::DescribeWithDisks(const std::string& instanceId, json* insta
     if (disksOut) *disksOut = std::move(disks);
     if (regionOut) *regionOut = region;
     return vm;
+}
+
+std::vector<json> Impl::DisksOf(const std::string& region, const std::string& instanceId) {
+    const std::string listKey = DiskListKey(instanceId);
+    if (auto ids = Kept(listKey)) {
+        std::vector<json> disks;
+        for (const json& id : *ids) {
+            auto disk = Kept(id.get<std::string>());
+            if (!disk) break;
+            disks.push_back(std::move(*disk));
+        }
+        if (disks.size() == ids->size()) return disks;
+    }
+    std::vector<json> disks =
+        ListPaged("DescribeDisks", region, {{"InstanceId", instanceId}, {"MaxResults", "100"}}, "Disks", "Disk");
+    json ids = json::array();
+    for (const json& d : disks) {
+        ids.push_back(jv::Str(d, "DiskId"));
+        Keep(ids.back().get<std::string>(), d);
+    }
+    Keep(listKey, ids);
+    return disks;
 }
 
 void Impl::GetVMInfoForVM(const std::string& instanceId, SVMInfo& out) {
@@ -173,6 +194,10 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
     // picks, since the instance matters more than its address. An address is only
     // meaningful within its vSwitch (ECS refuses it alone), so without one it is dropped.
     std::string id;
+    // An address another instance holds is dropped before asking for it: one Describe instead
+    // of a CreateInstance that ECS refuses. Other holders (a secondary network interface, a
+    // load balancer) still make ECS refuse it; that refusal stays handled below.
+    if (!privateIp.empty() && !vSwitch.empty() && AddressTaken(region, vSwitch, privateIp)) privateIp.clear();
     if (!privateIp.empty() && !vSwitch.empty()) {
         Params withIp = p;
         withIp["PrivateIpAddress"] = privateIp;
@@ -187,10 +212,27 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
     newInstanceId = id;
 }
 
+bool Impl::AddressTaken(const std::string& regionId, const std::string& vSwitchId, const std::string& address) {
+    const json answer = Call("DescribeInstances", regionId,
+                             {{"VSwitchId", vSwitchId}, {"PrivateIpAddresses", jv::IdArray({address})}});
+    for (const json& i : jv::RequiredList(answer, "Instances", "Instance", "DescribeInstances")) {
+        Remember(jv::Str(i, "InstanceId"), regionId);
+        Keep(jv::Str(i, "InstanceId"), i);
+        // The filter is the cloud's; the address is compared here too, so that a service that
+        // ignored the filter cannot make every address look taken.
+        const json vpc = i.contains("VpcAttributes") ? i["VpcAttributes"] : json::object();
+        for (const json& ip : jv::WrappedList(vpc, "PrivateIpAddress", "IpAddress")) {
+            if (ip.is_string() && ip.get<std::string>() == address) return true;
+        }
+    }
+    return false;
+}
+
 void Impl::AddPeripheralComponents(const SVMInfo& vmInfo, const std::string& configText) {
     RequireArg(vmInfo.guid, "instance id");
     const std::string region = RegionOr(vmInfo.regionId, Kind::Instance, vmInfo.guid);
-    json instance = Require(Kind::Instance, region, vmInfo.guid);
+    json instance = Current(Kind::Instance, region, vmInfo.guid);
+    Forget(vmInfo.guid);  // its groups and tags change below
     std::optional<ConfigDocument> doc;
     if (!configText.empty()) doc = ConfigDocument::Parse(configText);
 
@@ -250,24 +292,34 @@ void Impl::AddPeripheralComponents(const SVMInfo& vmInfo, const std::string& con
 
 void Impl::PowerOnInstance(const std::string& instanceId) {
     const std::string region = RegionOf(Kind::Instance, instanceId);
-    json instance = Require(Kind::Instance, region, instanceId);
+    json instance = Current(Kind::Instance, region, instanceId);
     const std::string status = jv::Str(instance, "Status");
     if (status == "Running" || status == "Starting") return;
+    Forget(instanceId);
     Call("StartInstance", region, {{"InstanceId", instanceId}});
 }
 
 void Impl::PowerOffInstance(const std::string& instanceId, bool forceStop, bool waitUntilStopped, bool stopCharging) {
     const std::string region = RegionOf(Kind::Instance, instanceId);
-    json instance = Require(Kind::Instance, region, instanceId);
+    const bool fromKept = Kept(instanceId).has_value();
+    json instance = Current(Kind::Instance, region, instanceId);
     const std::string status = jv::Str(instance, "Status");
-    if (status != "Stopped" && status != "Stopping") {
-        Call("StopInstance", region,
-             {{"InstanceId", instanceId},
-              {"ForceStop", forceStop ? "true" : "false"},
-              {"StoppedMode", stopCharging ? "StopCharging" : "KeepCharging"}});
+    const bool issued = status != "Stopped" && status != "Stopping";
+    if (issued) {
+        Forget(instanceId);
+        try {
+            Call("StopInstance", region,
+                 {{"InstanceId", instanceId},
+                  {"ForceStop", forceStop ? "true" : "false"},
+                  {"StoppedMode", stopCharging ? "StopCharging" : "KeepCharging"}});
+        } catch (const ApiError&) {
+            // Checked against a kept answer: it may have stopped since.
+            const std::string now = fromKept ? jv::Str(Require(Kind::Instance, region, instanceId), "Status") : "";
+            if (now != "Stopped" && now != "Stopping") throw;
+        }
     }
     if (!waitUntilStopped) return;
-    WaitUntil(waits_.stopInstance, deps_.time,
+    WaitUntil(issued ? waits_.stopInstance : ProbeAtOnce(waits_.stopInstance), deps_.time,
               [&] { return jv::Str(Require(Kind::Instance, region, instanceId), "Status") == "Stopped"; },
               "instance " + instanceId + " reaching Stopped");
 }
@@ -283,6 +335,8 @@ void Impl::DeleteInstance(const std::string& instanceId) {
         throw ClientError("RefusedProxyInstance", "instance " + instanceId + " is this proxy; it is never deleted");
     }
     const std::string region = RegionOf(Kind::Instance, instanceId);
+    Forget(instanceId);
+    Forget(DiskListKey(instanceId));
     try {
         // Force=false: ECS refuses to release an instance that is not Stopped, which guards
         // against deleting a running machine by mistake; callers stop it first.

@@ -151,7 +151,7 @@ void Impl::GetInstanceTypesForRegion(const std::string& regionId, std::vector<VM
     for (json& t : ListPaged("DescribeInstanceTypes", regionId, {{"MaxResults", "1600"}}, "InstanceTypes",
                              "InstanceType")) {
         result.push_back(InstanceTypeFromJson(t));
-        instanceTypes_[jv::Str(t, "InstanceTypeId")] = std::move(t);
+        Keep(TypeKey(jv::Str(t, "InstanceTypeId")), t);
     }
     out = std::move(result);
 }

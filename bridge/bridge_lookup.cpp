@@ -30,12 +30,15 @@ std::vector<json> Impl::ListPaged(const std::string& action, const std::string& 
 }
 
 std::vector<json> Impl::Regions() {
-    if (regions_.empty()) {
+    Api();  // answers belong to a connection
+    std::vector<json> regions = answers_->Regions();
+    if (regions.empty()) {
         json answer = Call("DescribeRegions", DefaultRegion(), {});
-        regions_ = jv::RequiredList(answer, "Regions", "Region", "DescribeRegions");
-        if (regions_.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "DescribeRegions listed no region");
+        regions = jv::RequiredList(answer, "Regions", "Region", "DescribeRegions");
+        if (regions.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "DescribeRegions listed no region");
+        answers_->SetRegions(regions);
     }
-    return regions_;
+    return regions;
 }
 
 std::vector<json> Impl::Zones(const std::string& regionId) {
@@ -46,7 +49,10 @@ std::vector<json> Impl::Zones(const std::string& regionId) {
 std::vector<json> Impl::Instances(const std::string& regionId, Params filter) {
     filter["MaxResults"] = "100";
     std::vector<json> list = ListPaged("DescribeInstances", regionId, std::move(filter), "Instances", "Instance");
-    for (const json& i : list) Remember(jv::Str(i, "InstanceId"), regionId);
+    for (const json& i : list) {
+        Remember(jv::Str(i, "InstanceId"), regionId);
+        Keep(jv::Str(i, "InstanceId"), i);
+    }
     return list;
 }
 
@@ -67,7 +73,7 @@ std::vector<Impl::SVMInfo> Impl::InstancesAsRecords(const std::string& regionId,
 void Impl::LoadInstanceTypes(const std::string& regionId, const std::vector<std::string>& typeIds) {
     std::vector<std::string> missing;
     for (const auto& t : typeIds) {
-        if (!t.empty() && !instanceTypes_.count(t) &&
+        if (!t.empty() && !Kept(TypeKey(t)) &&
             std::find(missing.begin(), missing.end(), t) == missing.end()) {
             missing.push_back(t);
         }
@@ -79,11 +85,11 @@ void Impl::LoadInstanceTypes(const std::string& regionId, const std::vector<std:
             p["InstanceTypes." + std::to_string(i - start + 1)] = missing[i];
         }
         for (json& t : ListPaged("DescribeInstanceTypes", regionId, p, "InstanceTypes", "InstanceType")) {
-            instanceTypes_[jv::Str(t, "InstanceTypeId")] = t;
+            Keep(TypeKey(jv::Str(t, "InstanceTypeId")), t);
         }
         // Remember unknown types as null so that they are not asked for again.
         for (size_t i = start; i < std::min(missing.size(), start + 10); ++i) {
-            instanceTypes_.emplace(missing[i], json());
+            if (!Kept(TypeKey(missing[i]))) Keep(TypeKey(missing[i]), json());
         }
     }
 }
@@ -91,9 +97,9 @@ void Impl::LoadInstanceTypes(const std::string& regionId, const std::vector<std:
 std::optional<json> Impl::InstanceType(const std::string& regionId, const std::string& typeId) {
     if (typeId.empty()) return std::nullopt;
     LoadInstanceTypes(regionId, {typeId});
-    auto it = instanceTypes_.find(typeId);
-    if (it == instanceTypes_.end() || it->second.is_null()) return std::nullopt;
-    return it->second;
+    auto type = Kept(TypeKey(typeId));
+    if (!type || type->is_null()) return std::nullopt;
+    return type;
 }
 
 std::string Impl::ArchitectureFor(const std::string& regionId, const json& instance) {
@@ -150,8 +156,116 @@ std::optional<json> Impl::Find(Kind kind, const std::string& regionId, const std
         if (e.kind() == ApiError::Kind::Service && e.IsNotFound()) return std::nullopt;
         throw;
     }
-    if (found) Remember(id, regionId);
+    if (found) {
+        Remember(id, regionId);
+        Keep(id, *found);
+    } else {
+        Forget(id);
+    }
     return found;
+}
+
+std::optional<json> Impl::Kept(const std::string& id) {
+    if (!answers_) return std::nullopt;
+    return answers_->Get(id, deps_.time.now(), kReuseWindow);
+}
+
+void Impl::Keep(const std::string& id, const json& item) {
+    if (answers_ && !id.empty()) answers_->Put(id, item, deps_.time.now());
+}
+
+void Impl::Forget(const std::string& id) {
+    if (answers_) answers_->Drop(id);
+}
+
+std::shared_ptr<SharedAnswers> SharedAnswers::For(const std::string& key) {
+    static std::mutex registryMutex;
+    static std::map<std::string, std::weak_ptr<SharedAnswers>> registry;
+    std::lock_guard lock(registryMutex);
+    std::weak_ptr<SharedAnswers>& slot = registry[key];
+    if (auto answers = slot.lock()) return answers;
+    auto answers = std::make_shared<SharedAnswers>();
+    slot = answers;
+    return answers;
+}
+
+std::optional<json> SharedAnswers::Get(const std::string& id, std::chrono::steady_clock::time_point now,
+                                       std::chrono::steady_clock::duration maxAge) {
+    std::lock_guard lock(mutex_);
+    auto it = entries_.find(id);
+    if (it == entries_.end()) return std::nullopt;
+    if (now - it->second.at > maxAge) {
+        entries_.erase(it);
+        return std::nullopt;
+    }
+    return it->second.item;
+}
+
+void SharedAnswers::Put(const std::string& id, json item, std::chrono::steady_clock::time_point now) {
+    std::lock_guard lock(mutex_);
+    entries_[id] = {std::move(item), now};
+}
+
+void SharedAnswers::Drop(const std::string& id) {
+    std::lock_guard lock(mutex_);
+    entries_.erase(id);
+}
+
+std::vector<json> SharedAnswers::Regions() {
+    std::lock_guard lock(mutex_);
+    return regions_;
+}
+
+void SharedAnswers::SetRegions(std::vector<json> regions) {
+    std::lock_guard lock(mutex_);
+    regions_ = std::move(regions);
+}
+
+bool Impl::Exists(Kind kind, const std::string& regionId, const std::string& id) {
+    // A kept answer says yes: a wrong guess costs the deletion's NotFound, which counts as gone.
+    if (Kept(id)) return true;
+    try {
+        return Find(kind, RegionOr(regionId, kind, id), id).has_value();
+    } catch (const ApiError& e) {
+        if (!(e.kind() == ApiError::Kind::Service && e.IsNotFound())) throw;
+        return false;
+    }
+}
+
+json Impl::Current(Kind kind, const std::string& regionId, const std::string& id) {
+    if (auto kept = Kept(id)) return *kept;
+    return Require(kind, regionId, id);
+}
+
+void Impl::PollSnapshots(const std::string& regionId, const std::string& id) {
+    std::vector<std::string> ids{id};
+    for (const std::string& pending : pendingSnapshots_) {
+        auto r = regionOf_.find(pending);
+        if (pending != id && r != regionOf_.end() && r->second == regionId && ids.size() < 100) ids.push_back(pending);
+    }
+    std::vector<json> list;
+    try {
+        const json answer =
+            Call("DescribeSnapshots", regionId, {{"SnapshotIds", jv::IdArray(ids)}, {"MaxResults", "100"}});
+        list = jv::RequiredList(answer, "Snapshots", "Snapshot", "DescribeSnapshots");
+    } catch (const ApiError& e) {
+        // As Find: some ECS versions answer NotFound instead of an empty list.
+        if (!(e.kind() == ApiError::Kind::Service && e.IsNotFound())) throw;
+    }
+    std::set<std::string> listed;
+    for (const json& s : list) {
+        const std::string sid = jv::Str(s, "SnapshotId");
+        if (std::find(ids.begin(), ids.end(), sid) == ids.end()) continue;
+        listed.insert(sid);
+        Keep(sid, s);
+        const std::string status = jv::Str(s, "Status");
+        if (status == "accomplished" || status == "failed") pendingSnapshots_.erase(sid);
+    }
+    for (const std::string& sid : ids) {
+        if (listed.count(sid)) continue;
+        Forget(sid);
+        pendingSnapshots_.erase(sid);
+    }
 }
 
 json Impl::Require(Kind kind, const std::string& regionId, const std::string& id) {
@@ -168,6 +282,10 @@ void Impl::Remember(const std::string& id, const std::string& regionId) {
 std::string Impl::RegionOf(Kind kind, const std::string& id) {
     RequireArg(id, KindName(static_cast<int>(kind)) + std::string(" id"));
     if (auto it = regionOf_.find(id); it != regionOf_.end()) return it->second;
+    // An answer another bridge of this process kept names the region too (instances, disks).
+    if (auto kept = Kept(id)) {
+        if (std::string r = jv::Str(*kept, "RegionId"); !r.empty()) return r;
+    }
     std::vector<std::string> candidates;
     auto add = [&](const std::string& r) {
         if (!r.empty() && std::find(candidates.begin(), candidates.end(), r) == candidates.end()) {
@@ -187,6 +305,9 @@ std::string Impl::RegionOf(Kind kind, const std::string& id) {
 }
 
 std::pair<std::string, std::optional<json>> Impl::Locate(Kind kind, const std::string& id) {
+    if (auto r = regionOf_.find(id); r != regionOf_.end()) {
+        if (auto kept = Kept(id)) return {r->second, kept};
+    }
     try {
         const std::string region = RegionOf(kind, id);
         return {region, Find(kind, region, id)};

@@ -12,7 +12,8 @@ using nlohmann::json;
 void Impl::CreateSnapshot(const std::string& diskId, VMInfoStructs::SChildDisk& snapshot,
                           const std::string& snapshotName, const std::string& description) {
     const std::string region = RegionOf(Kind::Disk, diskId);
-    const json disk = Require(Kind::Disk, region, diskId);
+    SettleDisk(diskId);
+    const json disk = Current(Kind::Disk, region, diskId);  // for its size only
     Params p{{"DiskId", diskId}};
     if (!snapshotName.empty()) p["SnapshotName"] = snapshotName;
     p["Description"] = description.empty() ? kDefaultDescription : description;
@@ -22,6 +23,7 @@ void Impl::CreateSnapshot(const std::string& diskId, VMInfoStructs::SChildDisk& 
     const std::string id = jv::Str(answer, "SnapshotId");
     if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateSnapshot returned no SnapshotId");
     Remember(id, region);
+    pendingSnapshots_.insert(id);
     snapshot.snapshotId = id;
     snapshot.parentDiskId = diskId;
     snapshot.name = snapshotName;
@@ -31,8 +33,23 @@ void Impl::CreateSnapshot(const std::string& diskId, VMInfoStructs::SChildDisk& 
 
 void Impl::IsSnapshotCompleted(const std::string& regionId, const std::string& snapshotId, bool& completed) {
     RequireArg(snapshotId, "snapshot id");
-    const json s = Require(Kind::Snapshot, RegionOr(regionId, Kind::Snapshot, snapshotId), snapshotId);
-    const std::string status = jv::Str(s, "Status");
+    const std::string region = RegionOr(regionId, Kind::Snapshot, snapshotId);
+    // A finished state, once ECS has reported it, stays; anything else is asked again, together
+    // with every other snapshot still pending here.
+    std::optional<json> s = Kept(snapshotId);
+    auto finished = [](const json& item) {
+        const std::string status = jv::Str(item, "Status");
+        return status == "accomplished" || status == "failed";
+    };
+    if (!s || !finished(*s)) {
+        PollSnapshots(region, snapshotId);
+        s = Kept(snapshotId);
+    }
+    if (!s) {
+        throw NotFound(NotFoundCode(static_cast<int>(Kind::Snapshot)),
+                       "The specified snapshot " + snapshotId + " does not exist in region " + region + ".");
+    }
+    const std::string status = jv::Str(*s, "Status");
     if (status == "failed") {
         completed = false;
         throw ApiError(ApiError::Kind::Service, "SnapshotFailed", "snapshot " + snapshotId + " failed");
@@ -42,12 +59,7 @@ void Impl::IsSnapshotCompleted(const std::string& regionId, const std::string& s
 
 void Impl::DoesSnapshotExist(const std::string& regionId, const std::string& snapshotId, bool& exists) {
     RequireArg(snapshotId, "snapshot id");
-    try {
-        exists = Find(Kind::Snapshot, RegionOr(regionId, Kind::Snapshot, snapshotId), snapshotId).has_value();
-    } catch (const ApiError& e) {
-        if (!(e.kind() == ApiError::Kind::Service && e.IsNotFound())) throw;
-        exists = false;
-    }
+    exists = Exists(Kind::Snapshot, regionId, snapshotId);
 }
 
 void Impl::DeleteSnapshot(const std::string& snapshotId) {
@@ -57,11 +69,14 @@ void Impl::DeleteSnapshot(const std::string& snapshotId) {
         return;
     }
     RequireOwned(Kind::Snapshot, *snapshot, snapshotId);
+    Forget(snapshotId);
+    pendingSnapshots_.erase(snapshotId);
     try {
         // Force: the bridge's snapshots are temporary; disks made from them stay usable.
         Call("DeleteSnapshot", region, {{"SnapshotId", snapshotId}, {"Force", "true"}});
     } catch (const ApiError& e) {
-        if (!(e.IsNotFound() && e.mayHaveSucceeded())) throw;
+        // NotFound: gone since it was last seen (or by an earlier attempt); the wait confirms.
+        if (!e.IsNotFound()) throw;
     }
     WaitUntilGone(Kind::Snapshot, region, snapshotId);
     regionOf_.erase(snapshotId);
