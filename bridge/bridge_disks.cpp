@@ -57,7 +57,7 @@ void Impl::CreateDisk(const std::string& regionId, const std::string& zoneId, SD
     disk.zone = zoneId;
     disk.createFlag = encrypted;
     disk.diskType = 1;
-    pendingDisks_[id] = {regionId, "becoming Available", "", waits_.createDisk};
+    pendingDisks_[id] = {regionId, "becoming Available", "", waits_.createDisk, deps_.time.now()};
 }
 
 void Impl::SettleDisk(const std::string& diskId) {
@@ -65,7 +65,12 @@ void Impl::SettleDisk(const std::string& diskId) {
     if (it == pendingDisks_.end()) return;
     const std::string region = it->second.region;
     const std::string what = "disk " + diskId + " " + it->second.what;
-    // Time has passed since the request (the caller did other work): the first probe comes at once.
+    // The first probe comes the usual pause after the request, which the caller's other work
+    // may have used up already.
+    const auto firstProbe = it->second.requested + it->second.bound.firstProbe;
+    if (const auto now = deps_.time.now(); firstProbe > now) {
+        deps_.time.sleep(std::chrono::ceil<std::chrono::milliseconds>(firstProbe - now));
+    }
     WaitUntil(ProbeAtOnce(it->second.bound), deps_.time,
               [&] {
                   PollPendingDisks(region);
@@ -194,7 +199,7 @@ void Impl::DetachDisk(const std::string& instanceId, const std::string& diskId, 
     }
     // The wait for Available comes with the next use of the disk (see "Deferred waits").
     pendingDisks_[diskId] = {region, "becoming Available after detaching from " + instanceId, instanceId,
-                             waits_.detachDisk};
+                             waits_.detachDisk, deps_.time.now()};
 }
 
 bool Impl::SettleDetachesFrom(const std::string& instanceId) {
@@ -208,19 +213,5 @@ bool Impl::SettleDetachesFrom(const std::string& instanceId) {
 
 void Impl::DeleteDisk(const std::string& diskId) {
     SettleDisk(diskId);
-    auto [region, disk] = Locate(Kind::Disk, diskId);
-    if (!disk) {
-        regionOf_.erase(diskId);  // gone already: what a delete is for
-        return;
-    }
-    RequireOwned(Kind::Disk, *disk, diskId);
-    Forget(diskId);
-    try {
-        Call("DeleteDisk", region, {{"DiskId", diskId}});
-    } catch (const ApiError& e) {
-        // NotFound: gone since it was last seen (or by an earlier attempt); the wait confirms.
-        if (!e.IsNotFound()) throw;
-    }
-    WaitUntilGone(Kind::Disk, region, diskId);
-    regionOf_.erase(diskId);
+    DeleteIfOwned(Kind::Disk, diskId, "DeleteDisk", {{"DiskId", diskId}});
 }

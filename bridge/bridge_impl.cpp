@@ -195,6 +195,24 @@ void Impl::RequireOwned(Kind kind, const json& item, const std::string& id) {
                        " is not tagged as created by this bridge for proxy " + proxy + "; it is left alone");
 }
 
+void Impl::DeleteIfOwned(Kind kind, const std::string& id, const std::string& action, Params request) {
+    auto [region, item] = Locate(kind, id);
+    if (!item) {
+        regionOf_.erase(id);  // gone already: what a delete is for
+        return;
+    }
+    RequireOwned(kind, *item, id);
+    Forget(id);
+    try {
+        Call(action, region, std::move(request));
+    } catch (const ApiError& e) {
+        // NotFound: gone since it was last seen (or by an earlier attempt); the wait confirms.
+        if (!e.IsNotFound()) throw;
+    }
+    WaitUntilGone(kind, region, id);
+    regionOf_.erase(id);
+}
+
 void Impl::WaitUntilGone(Kind kind, const std::string& regionId, const std::string& id) {
     WaitUntil(waits_.deletion, deps_.time, [&] { return !Find(kind, regionId, id).has_value(); },
               std::string(KindName(static_cast<int>(kind))) + " " + id + " disappearing after its deletion");

@@ -92,6 +92,7 @@ public:
                             std::chrono::steady_clock::duration maxAge);
     void Put(const std::string& id, json item, std::chrono::steady_clock::time_point now);
     void Drop(const std::string& id);
+    void DropPrefix(const std::string& prefix);
     // DescribeRegions, which does not change within a process's life.
     std::vector<json> Regions();
     void SetRegions(std::vector<json> regions);
@@ -114,9 +115,9 @@ struct WaitBounds {
     // ECS usually needs for that transition (a disk attaches in a few seconds, an instance
     // stops in seconds, an image takes minutes), then every 1-2 s as ECS asks, so that it
     // mostly costs one or two Describe calls. The deferred waits (see "Deferred waits")
-    // probe at once: their request is long past.
+    // count that pause from their request, which may be long past.
     PollSchedule createDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(15), std::chrono::milliseconds(1000)};
+                            std::chrono::minutes(15), std::chrono::milliseconds(2000)};
     PollSchedule attachDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
                             std::chrono::minutes(5), std::chrono::milliseconds(3000)};
     PollSchedule detachDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
@@ -283,6 +284,12 @@ private:
     static std::string DiskListKey(const std::string& instanceId) { return "disks-of:" + instanceId; }
     // The key of an instance type's DescribeInstanceTypes entry (null: ECS does not know it).
     static std::string TypeKey(const std::string& typeId) { return "type:" + typeId; }
+    // The key of the list of a region's instances bearing a name.
+    static std::string NamedKey(const std::string& regionId, const std::string& name) {
+        return "named:" + regionId + "\n" + name;
+    }
+    // Drops every kept list by name (an instance was created or released).
+    void ForgetNamedLists();
     SVMInfo DescribeWithDisks(const std::string& instanceId, json* instanceOut, std::vector<json>* disksOut,
                               std::string* regionOut);
 
@@ -294,6 +301,9 @@ private:
     std::string OwnershipProxyId();
     // Throws NotOwnedByThisProxy unless `item` carries this proxy's ownership tags.
     void RequireOwned(Kind kind, const nlohmann::json& item, const std::string& id);
+    // Deletes the object with `action` when it exists and carries this proxy's ownership tags
+    // (NotOwnedByThisProxy otherwise), and returns once ECS no longer lists it.
+    void DeleteIfOwned(Kind kind, const std::string& id, const std::string& action, hxbridge::Params request);
     // Waits (bounded) until ECS no longer lists the object.
     void WaitUntilGone(Kind kind, const std::string& regionId, const std::string& id);
     std::string ClientToken();
@@ -313,6 +323,7 @@ private:
         std::string what;          // "becoming Available", for the timeout's message
         std::string detachedFrom;  // the instance, for a deferred detach
         hxbridge::PollSchedule bound;
+        std::chrono::steady_clock::time_point requested;
     };
     std::map<std::string, PendingDisk> pendingDisks_;  // disk id -> its deferred wait
     std::map<std::string, std::string> regionOf_;  // resource id (instance, disk, ...) -> region

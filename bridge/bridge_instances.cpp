@@ -208,6 +208,7 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
         }
     }
     if (id.empty()) id = create(p);
+    ForgetNamedLists();
     Remember(id, region);
     newInstanceId = id;
 }
@@ -337,6 +338,7 @@ void Impl::DeleteInstance(const std::string& instanceId) {
     const std::string region = RegionOf(Kind::Instance, instanceId);
     Forget(instanceId);
     Forget(DiskListKey(instanceId));
+    ForgetNamedLists();
     try {
         // Force=false: ECS refuses to release an instance that is not Stopped, which guards
         // against deleting a running machine by mistake; callers stop it first.

@@ -57,7 +57,17 @@ std::vector<json> Impl::Instances(const std::string& regionId, Params filter) {
 }
 
 std::vector<Impl::SVMInfo> Impl::InstancesAsRecords(const std::string& regionId, Params filter) {
-    std::vector<json> list = Instances(regionId, std::move(filter));
+    // A list by name is kept too: a restore's pre-flight and the plug-in both ask who bears
+    // the name. Creating or releasing an instance drops it.
+    const auto name = filter.find("InstanceName");
+    const std::string key = name == filter.end() || filter.size() != 1 ? "" : NamedKey(regionId, name->second);
+    std::vector<json> list;
+    if (auto kept = key.empty() ? std::nullopt : Kept(key)) {
+        list = kept->get<std::vector<json>>();
+    } else {
+        list = Instances(regionId, std::move(filter));
+        if (!key.empty()) Keep(key, list);
+    }
     std::vector<std::string> types;
     for (const json& i : list) types.push_back(jv::Str(i, "InstanceType"));
     LoadInstanceTypes(regionId, types);
@@ -178,6 +188,10 @@ void Impl::Forget(const std::string& id) {
     if (answers_) answers_->Drop(id);
 }
 
+void Impl::ForgetNamedLists() {
+    if (answers_) answers_->DropPrefix("named:");
+}
+
 std::shared_ptr<SharedAnswers> SharedAnswers::For(const std::string& key) {
     static std::mutex registryMutex;
     static std::map<std::string, std::weak_ptr<SharedAnswers>> registry;
@@ -209,6 +223,13 @@ void SharedAnswers::Put(const std::string& id, json item, std::chrono::steady_cl
 void SharedAnswers::Drop(const std::string& id) {
     std::lock_guard lock(mutex_);
     entries_.erase(id);
+}
+
+void SharedAnswers::DropPrefix(const std::string& prefix) {
+    std::lock_guard lock(mutex_);
+    for (auto it = entries_.lower_bound(prefix); it != entries_.end() && it->first.rfind(prefix, 0) == 0;) {
+        it = entries_.erase(it);
+    }
 }
 
 std::vector<json> SharedAnswers::Regions() {

@@ -63,21 +63,7 @@ void Impl::DoesSnapshotExist(const std::string& regionId, const std::string& sna
 }
 
 void Impl::DeleteSnapshot(const std::string& snapshotId) {
-    auto [region, snapshot] = Locate(Kind::Snapshot, snapshotId);
-    if (!snapshot) {
-        regionOf_.erase(snapshotId);  // gone already: what a delete is for
-        return;
-    }
-    RequireOwned(Kind::Snapshot, *snapshot, snapshotId);
-    Forget(snapshotId);
     pendingSnapshots_.erase(snapshotId);
-    try {
-        // Force: the bridge's snapshots are temporary; disks made from them stay usable.
-        Call("DeleteSnapshot", region, {{"SnapshotId", snapshotId}, {"Force", "true"}});
-    } catch (const ApiError& e) {
-        // NotFound: gone since it was last seen (or by an earlier attempt); the wait confirms.
-        if (!e.IsNotFound()) throw;
-    }
-    WaitUntilGone(Kind::Snapshot, region, snapshotId);
-    regionOf_.erase(snapshotId);
+    // Force: the bridge's snapshots are temporary; disks made from them stay usable.
+    DeleteIfOwned(Kind::Snapshot, snapshotId, "DeleteSnapshot", {{"SnapshotId", snapshotId}, {"Force", "true"}});
 }
