@@ -266,7 +266,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
         if (ok) out.warnings.push_back(text);
         else out.failure.details += (out.failure.details.empty() ? "" : "; ") + text;
     }
-    SweepAfterJob(context, jobIdOffset, progress, out.warnings);
+    SweepAfterJob(context, jobIdOffset, ok && out.warnings.empty(), progress, out.warnings);
     m.unmountSeconds = Since(unmountStarted);
     std::error_code ec;
     fs::remove_all(work, ec);

@@ -39,12 +39,14 @@ std::string DescribeOwned(const hxbridge::OwnedObject& o);
 class AgentContext;
 class Progress;
 
-// Start of a job: removes what killed jobs of this proxy left in its region. A problem
-// becomes a warning: the job itself can still run.
+// Start of a job: removes what killed jobs of this proxy left in its region, when the state
+// folder shows a reason to look (a killed job's record, or a sweep that could not finish; see
+// the .cpp). A problem becomes a warning: the job itself can still run.
 void SweepBeforeJob(AgentContext& context, Progress& progress, std::vector<std::string>& warnings);
-// End of a job step: removes what this step's own teardown left (a failed wait, a failed
-// delete). What cannot be removed becomes a warning with the `cleanup` hint.
-void SweepAfterJob(AgentContext& context, long long jobIdOffset, Progress& progress,
+// End of a job step that was not clean (`jobClean` false: it failed, or warned): removes what
+// this step's own teardown left (a failed wait, a failed delete). What cannot be removed
+// becomes a warning with the `cleanup` hint, and makes the next job sweep first.
+void SweepAfterJob(AgentContext& context, long long jobIdOffset, bool jobClean, Progress& progress,
                    std::vector<std::string>& warnings);
 
 }  // namespace hxagent

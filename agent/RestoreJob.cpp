@@ -243,7 +243,7 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
                                    "); run 'hxagent cleanup'";
         context.KeepState();
     }
-    SweepAfterJob(context, jobIdOffset, progress, out.warnings);
+    SweepAfterJob(context, jobIdOffset, ok && out.warnings.empty(), progress, out.warnings);
     if (!ok)
         for (const auto& w : out.warnings) out.failure.details += (out.failure.details.empty() ? "" : "; ") + w;
     fs::remove_all(work, ec);

@@ -8,13 +8,33 @@
 // ALIBABA_CLOUD_REGION_ID, then in every region DescribeRegions lists. Not found anywhere
 // gives the action's NotFound code.
 //
-// Waits (every one bounded; intervals start at 250 ms and grow to 2 s; all scaled by
+// Waits (every one bounded; intervals between 1 and 2 s, see WaitBounds; all scaled by
 // ALIBABA_CLOUD_BRIDGE_TIME_SCALE):
-//   CreateDisk  -> disk Available ................ 15 min (large disks from snapshots)
+//   CreateDisk  -> disk Available ................ 15 min (large disks from snapshots), deferred
 //   AttachDisk  -> disk In_use on the instance ..... 5 min
-//   DetachDisk  -> disk Available ................. 10 min (ECS documents about a minute)
+//   DetachDisk  -> disk Available ................. 10 min (ECS documents about a minute), deferred
 //   CreateImageFromDiskSnapshots -> image Available  90 min (copying snapshot data)
 //   PowerOffInstance with waitUntilStopped -> Stopped 10 min
+//
+// Deferred waits: CreateDisk and DetachDisk return once ECS accepted the request. The wait
+// for Available (bounded as above) runs when the disk is next used through this bridge
+// (attach, detach, snapshot, look-up, existence, delete), and each of its polls is one
+// DescribeDisks for every disk with a deferred wait in the region, so disks created or
+// detached one after another settle together. A caller that hands the id on before using it
+// gets a disk that may still be Creating or Detaching; the ownership sweep waits for a stable
+// state before it acts. An attach refused for the instance's disk limit first settles the
+// disks this bridge detached from that instance, then asks once more.
+//
+// Reuse: every Describe answer about one object is kept by id for kReuseWindow, in answers
+// shared with the other bridges of this process that use the same endpoint and AccessKey
+// (SharedAnswers). Checks before
+// an operation (is the disk attached already? whose is it? how large is the snapshot? does it
+// still exist?) read the kept answer instead of asking again; a wrong guess only costs the
+// refused request, after which the bridge asks ECS. Every change the bridge makes to an
+// object (attach, detach, delete, start, stop, join, tag) drops the kept answer. Waits never
+// trust an answer kept from before the change they wait for: they poll ECS. A snapshot poll
+// asks, in one DescribeSnapshots, for every snapshot this bridge created and has not yet
+// seen finish in that region; the others' waits are then served from that answer.
 //
 // Ownership tags (ownership.h) on every snapshot, disk, image and instance the bridge
 // creates, in the create request itself. Deleting a snapshot, disk or image that lacks this
@@ -32,6 +52,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -58,17 +79,55 @@ struct BridgeDependencies {
     RequestSigner signer;                              // default: real clock and random nonces
 };
 
+// The answers kept for "Reuse", shared by every bridge of this process connected to the same
+// endpoint with the same AccessKey id: the host's bridge and the plug-in's see one cloud, and
+// a change either makes drops the answer for both. Thread-safe.
+class SharedAnswers {
+public:
+    using json = nlohmann::json;
+    // The one for `key` while any bridge holds it; a new, empty one otherwise.
+    static std::shared_ptr<SharedAnswers> For(const std::string& key);
+
+    std::optional<json> Get(const std::string& id, std::chrono::steady_clock::time_point now,
+                            std::chrono::steady_clock::duration maxAge);
+    void Put(const std::string& id, json item, std::chrono::steady_clock::time_point now);
+    void Drop(const std::string& id);
+    void DropPrefix(const std::string& prefix);
+    // DescribeRegions, which does not change within a process's life.
+    std::vector<json> Regions();
+    void SetRegions(std::vector<json> regions);
+
+private:
+    struct Entry {
+        json item;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::mutex mutex_;
+    std::map<std::string, Entry> entries_;
+    std::vector<json> regions_;
+};
+
+// How long a kept Describe answer stands in for a new one (see "Reuse"): about one job step.
+inline constexpr std::chrono::minutes kReuseWindow{2};
+
 struct WaitBounds {
-    PollSchedule createDisk{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(15)};
-    PollSchedule attachDisk{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(5)};
-    PollSchedule detachDisk{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(10)};
-    PollSchedule createImage{std::chrono::milliseconds(500), 1.6, std::chrono::milliseconds(2000),
-                             std::chrono::minutes(90)};
-    PollSchedule stopInstance{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
-                              std::chrono::minutes(10)};
+    // A wait that follows the bridge's own request probes first after a pause shorter than
+    // ECS usually needs for that transition (a disk attaches in a few seconds, an instance
+    // stops in seconds, an image takes minutes), then every 1-2 s as ECS asks, so that it
+    // mostly costs one or two Describe calls. The deferred waits (see "Deferred waits")
+    // count that pause from their request, which may be long past.
+    PollSchedule createDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
+                            std::chrono::minutes(15), std::chrono::milliseconds(2000)};
+    PollSchedule attachDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
+                            std::chrono::minutes(5), std::chrono::milliseconds(3000)};
+    PollSchedule detachDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
+                            std::chrono::minutes(10), std::chrono::milliseconds(3000)};
+    // An image takes minutes: polled every 5 to 10 s.
+    PollSchedule createImage{std::chrono::milliseconds(5000), 1.6, std::chrono::milliseconds(10000),
+                             std::chrono::minutes(90), std::chrono::milliseconds(20000)};
+    PollSchedule stopInstance{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
+                              std::chrono::minutes(10), std::chrono::milliseconds(3000)};
+    // ECS stops listing a deleted object at once: probe at once.
     PollSchedule deletion{std::chrono::milliseconds(250), 1.6, std::chrono::milliseconds(2000),
                           std::chrono::minutes(2)};
     WaitBounds Scaled(double scale) const;
@@ -179,12 +238,37 @@ private:
     std::optional<json> FindSnapshot(const std::string& regionId, const std::string& id);
     std::optional<json> FindImage(const std::string& regionId, const std::string& id);
     std::optional<json> Find(Kind kind, const std::string& regionId, const std::string& id);
+    // The kept answer about `id` (see "Reuse"), or nullopt when none is kept or it is older
+    // than kReuseWindow.
+    std::optional<json> Kept(const std::string& id);
+    void Keep(const std::string& id, const json& item);
+    void Forget(const std::string& id);
+    // Whether the object exists: a kept answer, else a Describe in `regionId` (or RegionOf).
+    bool Exists(Kind kind, const std::string& regionId, const std::string& id);
+    // The kept answer, else Require.
+    json Current(Kind kind, const std::string& regionId, const std::string& id);
+    // Ends the deferred wait of the disk, if any (see "Deferred waits"); throws WaitTimeout.
+    void SettleDisk(const std::string& diskId);
+    // One DescribeDisks for every disk with a deferred wait in `regionId`; keeps the answers
+    // and ends the waits of those that are Available.
+    void PollPendingDisks(const std::string& regionId);
+    // Settles the deferred detaches from `instanceId`; false when there were none.
+    bool SettleDetachesFrom(const std::string& instanceId);
+    // The AttachDisk request and what a refusal means (see AttachDisk).
+    void RequestAttach(const std::string& region, const std::string& instanceId, const std::string& diskId,
+                       bool checkedAgainstKept, bool& limitReached);
+    // One DescribeSnapshots for `id` and every pending snapshot of this bridge in `regionId`;
+    // keeps each answer, and ends the pending state of those that finished or are gone.
+    void PollSnapshots(const std::string& regionId, const std::string& id);
+    // Whether an instance in `vSwitchId` holds the private `address` (DescribeInstances).
+    bool AddressTaken(const std::string& regionId, const std::string& vSwitchId, const std::string& address);
     // The object, or the action's NotFound ApiError.
     json Require(Kind kind, const std::string& regionId, const std::string& id);
 
     // Region of an object (see the header comment); throws NotFound.
     std::string RegionOf(Kind kind, const std::string& id);
-    // The object's region and description; an empty region and nullopt when no region knows it.
+    // The object's region and description (the kept answer when one is kept; see "Reuse"); an
+    // empty region and nullopt when no region knows it.
     std::pair<std::string, std::optional<json>> Locate(Kind kind, const std::string& id);
     // `regionId` when given, else RegionOf.
     std::string RegionOr(const std::string& regionId, Kind kind, const std::string& id);
@@ -193,6 +277,19 @@ private:
     std::string ArchitectureFor(const std::string& regionId, const json& instance);
     std::optional<json> InstanceType(const std::string& regionId, const std::string& typeId);
     void LoadInstanceTypes(const std::string& regionId, const std::vector<std::string>& typeIds);
+    // The disks attached to the instance (one DescribeDisks by InstanceId, or the kept list).
+    std::vector<json> DisksOf(const std::string& regionId, const std::string& instanceId);
+    // The key under which the list of an instance's disk ids is kept; attaching or detaching
+    // a disk forgets it.
+    static std::string DiskListKey(const std::string& instanceId) { return "disks-of:" + instanceId; }
+    // The key of an instance type's DescribeInstanceTypes entry (null: ECS does not know it).
+    static std::string TypeKey(const std::string& typeId) { return "type:" + typeId; }
+    // The key of the list of a region's instances bearing a name.
+    static std::string NamedKey(const std::string& regionId, const std::string& name) {
+        return "named:" + regionId + "\n" + name;
+    }
+    // Drops every kept list by name (an instance was created or released).
+    void ForgetNamedLists();
     SVMInfo DescribeWithDisks(const std::string& instanceId, json* instanceOut, std::vector<json>* disksOut,
                               std::string* regionOut);
 
@@ -204,6 +301,9 @@ private:
     std::string OwnershipProxyId();
     // Throws NotOwnedByThisProxy unless `item` carries this proxy's ownership tags.
     void RequireOwned(Kind kind, const nlohmann::json& item, const std::string& id);
+    // Deletes the object with `action` when it exists and carries this proxy's ownership tags
+    // (NotOwnedByThisProxy otherwise), and returns once ECS no longer lists it.
+    void DeleteIfOwned(Kind kind, const std::string& id, const std::string& action, hxbridge::Params request);
     // Waits (bounded) until ECS no longer lists the object.
     void WaitUntilGone(Kind kind, const std::string& regionId, const std::string& id);
     std::string ClientToken();
@@ -216,9 +316,17 @@ private:
     std::unique_ptr<hxbridge::MetadataClient> metadata_;
     std::string lastError_;
 
+    std::shared_ptr<hxbridge::SharedAnswers> answers_;  // see "Reuse"; set by Connect
+    std::set<std::string> pendingSnapshots_;       // created here, not yet seen finished
+    struct PendingDisk {
+        std::string region;
+        std::string what;          // "becoming Available", for the timeout's message
+        std::string detachedFrom;  // the instance, for a deferred detach
+        hxbridge::PollSchedule bound;
+        std::chrono::steady_clock::time_point requested;
+    };
+    std::map<std::string, PendingDisk> pendingDisks_;  // disk id -> its deferred wait
     std::map<std::string, std::string> regionOf_;  // resource id (instance, disk, ...) -> region
-    std::vector<json> regions_;                    // DescribeRegions, cached per connection
-    std::map<std::string, json> instanceTypes_;    // type id -> DescribeInstanceTypes entry
     std::vector<SVMInfo> vmCache_;
     std::optional<std::string> proxyId_;
     std::optional<std::string> proxyRegion_;

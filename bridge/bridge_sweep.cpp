@@ -3,16 +3,17 @@
 #include <algorithm>
 
 #include "bridge_impl.h"
+#include "bridge_common.h"
 #include "json_util.h"
 #include "mapping.h"
 
 using namespace hxbridge;
+using namespace hxbridge::bridge_detail;
 using Impl = AliCloudSDKCppBridge::CAliCloudSDKCppBridge::Impl;
 using nlohmann::json;
 
 namespace {
 
-constexpr const char* kAllImageStatuses = "Creating,Waiting,Available,UnAvailable,CreateFailed,Deprecated";
 const char* const kOwnershipKeys[] = {kCreatedByTagKey, kProxyTagKey,  kJobTagKey,
                                       kJobOwnerTagKey,  kRoleTagKey,   kRestoreStateTagKey};
 
@@ -36,10 +37,6 @@ OwnedObject ToOwned(const std::string& kind, const char* idKey, const json& item
 }
 
 std::string Describe(const OwnedObject& o) { return o.kind + " " + o.id; }
-
-void RequireArg(const std::string& value, const std::string& name) {
-    if (value.empty()) throw ApiError(ApiError::Kind::Client, "MissingParameter", name + " is empty");
-}
 
 }  // namespace
 
@@ -99,7 +96,7 @@ void Impl::StopIncompleteInstances(const Owned& instances, RemovalReport& report
         try {
             // CreateInstance ends in Stopped after Pending, StartInstance in Running after
             // Starting: StopInstance and DetachDisk need one of the stable states.
-            WaitUntil(waits_.stopInstance, deps_.time,
+            WaitUntil(ProbeAtOnce(waits_.stopInstance), deps_.time,
                       [&] {
                           const std::string s = jv::Str(Require(Kind::Instance, o->regionId, o->id), "Status");
                           return s == "Running" || s == "Stopped";
@@ -118,7 +115,7 @@ void Impl::DetachOwnedDisks(const Owned& disks, const std::set<std::string>& rel
         try {
             // A disk in transition (Creating, Attaching, Detaching) is waited for first.
             json disk;
-            WaitUntil(waits_.attachDisk, deps_.time,
+            WaitUntil(ProbeAtOnce(waits_.attachDisk), deps_.time,
                       [&] {
                           disk = Require(Kind::Disk, o->regionId, o->id);
                           const std::string s = jv::Str(disk, "Status");
@@ -214,6 +211,7 @@ void Impl::RemoveOwned(const std::vector<OwnedObject>& objects, RemovalReport& r
 }
 
 void Impl::Untag(const std::string& regionId, const std::string& type, const std::vector<std::string>& ids) {
+    for (const std::string& id : ids) Forget(id);  // their tags change
     // UntagResources takes at most 50 resources and 20 keys per call.
     for (size_t start = 0; start < ids.size(); start += 50) {
         Params p{{"ResourceType", type}};
@@ -230,13 +228,13 @@ void Impl::FinishRestore(const std::string& regionId, const std::string& instanc
     const std::string region = RegionOr(regionId, Kind::Instance, instanceId);
     const std::string proxy = OwnershipProxyId();
     std::vector<std::string> disks;
-    for (const json& d : ListPaged("DescribeDisks", region, {{"InstanceId", instanceId}, {"MaxResults", "100"}},
-                                   "Disks", "Disk")) {
+    for (const json& d : DisksOf(region, instanceId)) {
         if (IsOwnedBy(d, proxy)) disks.push_back(jv::Str(d, "DiskId"));
     }
     // The instance first: once it is finished, a sweep leaves its disks attached and only
     // drops their tags, so a crash between the two steps loses nothing.
     Untag(region, "instance", {instanceId});
+    Forget(DiskListKey(instanceId));
     Untag(region, "disk", disks);
 }
 

@@ -20,6 +20,7 @@ PollSchedule PollSchedule::Scaled(double scale) const {
     out.initial = s(initial);
     out.maxInterval = s(maxInterval);
     out.timeout = s(timeout);
+    if (firstProbe.count() > 0) out.firstProbe = s(firstProbe);
     return out;
 }
 
@@ -27,6 +28,7 @@ void WaitUntil(const PollSchedule& schedule, const TimeSource& time, const std::
                const std::string& what) {
     const auto deadline = time.now() + schedule.timeout;
     auto interval = schedule.initial;
+    if (schedule.firstProbe.count() > 0) time.sleep(std::min(schedule.firstProbe, schedule.timeout));
     for (;;) {
         if (probe()) return;
         const auto now = time.now();

@@ -6,10 +6,14 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -41,6 +45,11 @@ protected:
     static void SetUpTestSuite() {
         hxsim::Options o;
         o.timeScale = 0.01;  // a 20 s snapshot takes 0.2 s
+        // Each line starts with the action; the emulator writes it before it answers.
+        o.requestLog = [](const std::string& line) {
+            std::lock_guard lock(logMutex_);
+            log_.push_back(line.substr(0, line.find(' ')));
+        };
         emulator_ = new hxsim::Emulator(o);
         auto started = emulator_->Start();
         ASSERT_TRUE(started.ok()) << started.error;
@@ -57,8 +66,15 @@ protected:
 
     void SetUp() override {
         ASSERT_NE(emulator_, nullptr);
+        ResetWorld();
+    }
+
+    // A fresh world and a fresh connection: the emulator hands out the same ids again after a
+    // reset, which the answers a bridge keeps (and shares in this process) must not meet.
+    void ResetWorld() {
         ASSERT_EQ(emulator_->Reset(), "");
         const auto creds = emulator_->DemoCredentials();
+        ASSERT_TRUE(bridge_.Disconnect());
         ASSERT_TRUE(bridge_.Connect(creds.accessKeyId, creds.accessKeySecret)) << bridge_.GetLastError();
     }
 
@@ -84,6 +100,18 @@ protected:
         if (!res) return -1;
         json j = json::parse(res->body);
         return j["actions"].contains(action) ? j["actions"][action].value(field, 0) : 0;
+    }
+    // The actions the emulator answered since the last ClearRequests, in order.
+    static std::vector<std::string> Requests() {
+        std::lock_guard lock(logMutex_);
+        return log_;
+    }
+    static void ClearRequests() {
+        std::lock_guard lock(logMutex_);
+        log_.clear();
+    }
+    static int Count(const std::vector<std::string>& actions, const std::string& action) {
+        return static_cast<int>(std::count(actions.begin(), actions.end(), action));
     }
     void Fault(const json& rule) {
         const json body = {{"rules", json::array({rule})}};
@@ -114,6 +142,8 @@ protected:
     }
 
     inline static hxsim::Emulator* emulator_ = nullptr;
+    inline static std::mutex logMutex_;
+    inline static std::vector<std::string> log_;
     CAliCloudSDKCppBridge bridge_;
 };
 

@@ -153,8 +153,11 @@ TEST_F(BridgeOnEmulator, BackupPathSnapshotDiskAttachDetachDelete) {
         << bridge_.GetLastError();
     // The 2 GiB source is below the ESSD minimum: the copy is made at 20 GiB, not refused.
     EXPECT_EQ(disk.diskSize, 20);
+    SDisk settled;  // CreateDisk returns at once; the disk's next use waits for Available
+    ASSERT_TRUE(bridge_.GetDiskInfo(kRegion, disk.diskId, settled)) << bridge_.GetLastError();
+    EXPECT_EQ(settled.diskSize, 20);
     json d = Find("disks", "DiskId", disk.diskId);
-    EXPECT_EQ(d.value("Status", ""), "Available");  // CreateDisk waited
+    EXPECT_EQ(d.value("Status", ""), "Available");
     EXPECT_EQ(d.value("SourceSnapshotId", ""), snap);
     EXPECT_EQ(Tag(d, "hx:created-by"), "HXAliCloudSDKCppBridge");
 
@@ -169,10 +172,10 @@ TEST_F(BridgeOnEmulator, BackupPathSnapshotDiskAttachDetachDelete) {
     EXPECT_TRUE(bridge_.AttachDisk(kProxy, disk.diskId, limit, true)) << bridge_.GetLastError();
 
     ASSERT_TRUE(bridge_.DetachDisk(kProxy, disk.diskId, kRegion)) << bridge_.GetLastError();
-    EXPECT_EQ(Find("disks", "DiskId", disk.diskId).value("Status", ""), "Available");
 
-    bool exists = false;
+    bool exists = false;  // the detach's wait for Available comes with this next use
     ASSERT_TRUE(bridge_.DoesDiskExist(kRegion, disk.diskId, exists));
+    EXPECT_EQ(Find("disks", "DiskId", disk.diskId).value("Status", ""), "Available");
     EXPECT_TRUE(exists);
     ASSERT_TRUE(bridge_.DeleteDisk(disk.diskId)) << bridge_.GetLastError();
     EXPECT_TRUE(Find("disks", "DiskId", disk.diskId).is_null());
@@ -224,7 +227,7 @@ TEST_F(BridgeOnEmulator, ThrottledCallsSucceedAfterRetriesWithinABound) {
     EXPECT_EQ(Calls("DescribeDisks") - before, 4);
 
     Fault({{"action", "DescribeDisks"}, {"failNext", 50}, {"code", "ServiceUnavailable"}});
-    EXPECT_FALSE(bridge_.GetDiskInfo(kRegion, kDbDataDisk, disk));
+    EXPECT_FALSE(bridge_.GetDiskInfo(kRegion, kDbSystemDisk, disk));  // one it has not seen yet
     EXPECT_NE(bridge_.GetLastError().find("ServiceUnavailable"), std::string::npos);
     EXPECT_LE(Calls("DescribeDisks") - before, 4 + 6);  // the retry bound holds
 }
@@ -359,7 +362,7 @@ TEST_F(RestoreNetwork, ARestoreIntoTwoSecurityGroupsEndsInBoth) {
     // The groups come from the description the plug-in hands over, or from the document alone.
     for (const bool fromDocumentOnly : {false, true}) {
         SCOPED_TRACE(fromDocumentOnly ? "groups from the document" : "groups from the description");
-        ASSERT_EQ(emulator_->Reset(), "");
+        ResetWorld();
         RestoreInput in = Prepare([](json& instance) { AddGroup(instance, kWebGroup); });
         if (fromDocumentOnly) {
             in.target.securityGroups.clear();
@@ -401,8 +404,10 @@ TEST_F(RestoreNetwork, AGroupThatCannotBeJoinedIsReportedAndTheOthersAreStillJoi
     EXPECT_EQ(Groups(newId), (std::vector<std::string>{kDefaultGroup, kWebGroup}));
 }
 
-// The old private address is asked for first; when ECS refuses it the instance is made
-// with an address ECS picks in the same vSwitch, so the restore still succeeds.
+// The old private address is asked for when no instance in its vSwitch holds it; when
+// another instance holds it, or ECS refuses it anyway, the instance is made with an address
+// ECS picks in the same vSwitch, so the restore still succeeds. A held address costs no
+// refused CreateInstance.
 TEST_F(RestoreNetwork, ThePrivateAddressIsKeptWhenFreeAndReplacedWhenNot) {
     struct Case {
         const char* name;
@@ -412,7 +417,7 @@ TEST_F(RestoreNetwork, ThePrivateAddressIsKeptWhenFreeAndReplacedWhenNot) {
         int createCalls;                        // CreateInstance requests the bridge sends
     } cases[] = {
         {"address free (the source is gone)", nullptr, true, true, 1},
-        {"address taken by the source", nullptr, false, false, 2},
+        {"address taken by the source", nullptr, false, false, 1},
         {"address outside the vSwitch", [](SVMInfo& vm) { vm.networkCards[0].privateIp = "10.1.2.3"; }, true, false, 2},
         {"malformed address", [](SVMInfo& vm) { vm.networkCards[0].privateIp = "172.16.0.300"; }, true, false, 2},
         // Without its vSwitch an address means nothing to ECS: it is not sent at all.
@@ -420,7 +425,7 @@ TEST_F(RestoreNetwork, ThePrivateAddressIsKeptWhenFreeAndReplacedWhenNot) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ASSERT_EQ(emulator_->Reset(), "");
+        ResetWorld();
         RestoreInput in = Prepare();
         ASSERT_EQ(in.target.networkCards.size(), 1u);
         ASSERT_EQ(in.target.networkCards[0].privateIp, kDbAddress);

@@ -1,5 +1,8 @@
 // hxagent end to end: the real plug-in, runtime and bridge against an emulator that this
 // test process runs, with hxagent started as a child process for every command.
+#include <chrono>
+#include <thread>
+
 #include "AgentFixture.h"
 
 #include "AliCloudSDKCppBridge.h"
@@ -51,8 +54,15 @@ TEST_F(AgentE2E, BackupAndRestoreUnderANewNameIsByteIdentical) {
     ASSERT_FALSE(newId.empty()) << r.out;
     EXPECT_NE(newId, sourceId);
 
+    // --power-on starts the instance and does not wait for Running: give it its start time.
     json after = State();
-    const json* restored = Find(after, "instances", [&](const json& i) { return i["InstanceId"] == newId; });
+    const json* restored = nullptr;
+    for (int i = 0; i < 500; ++i) {
+        after = State();
+        restored = Find(after, "instances", [&](const json& x) { return x["InstanceId"] == newId; });
+        if (!restored || (*restored)["Status"] != "Starting") break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     ASSERT_TRUE(restored);
     EXPECT_EQ((*restored)["InstanceName"], "app-01-copy");
     EXPECT_EQ((*restored)["Status"], "Running");

@@ -36,6 +36,8 @@ namespace {
 json DescribeInstances(Context& ctx) {
   const std::string region = RequiredRegion(ctx);
   const auto ids = ctx.params.JsonArray("InstanceIds");
+  // VPC private addresses (JSON array, up to 100): which instances hold them.
+  const auto addresses = ctx.params.JsonArray("PrivateIpAddresses");
   const std::string name = ctx.params.GetOr("InstanceName", "");
   const std::string zone = ctx.params.GetOr("ZoneId", "");
   const std::string status = ctx.params.GetOr("Status", "");
@@ -50,6 +52,7 @@ json DescribeInstances(Context& ctx) {
   for (const auto& [id, i] : ctx.store.instances) {
     if (i.regionId != region) continue;
     if (ids && !Contains(*ids, id)) continue;
+    if (addresses && !Contains(*addresses, i.privateIp)) continue;
     if (!name.empty() && !WildcardMatch(name, i.name)) continue;
     if (!zone.empty() && i.zoneId != zone) continue;
     if (!status.empty() && i.status != status) continue;
