@@ -3,7 +3,7 @@
 //
 // Contracts:
 // - The work runs through io/BlockPipeline.h: 4 MiB blocks, read, hashed and written on
-//   overlapping threads, at most 24 MiB of buffers per move.
+//   overlapping threads, one 256 KiB buffer per worker.
 // - Ranges the source reports as holes (SEEK_DATA) are neither read nor written; all-zero
 //   64 KiB granules are never written: in an image they stay holes (the file is sized with
 //   ftruncate first), and on restore the target is a freshly created, zeroed disk.

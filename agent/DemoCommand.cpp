@@ -97,7 +97,8 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
     rr.backupFolder = backup.folder;
     rr.name = demo.restoreName.empty() ? backup.manifest.instanceName + "-restored" : demo.restoreName;
     rr.powerOn = true;
-    if (!VerifyBackup(rr.backupFolder, backup.manifest, progress, error)) {
+    // As the restore command: the digests are checked while the restore writes the disks.
+    if (!CheckBackupFiles(rr.backupFolder, backup.manifest, error)) {
         std::cerr << "hxagent: error: demo verification: " << error << "\n";
         context->KeepState();
         return kExitLocal;

@@ -1,15 +1,26 @@
 #include "io/Endpoints.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "io/BackgroundSync.h"
 
 namespace hxagent::io {
 
-std::uint64_t FileSource::HoleBytes(std::uint64_t off, std::uint64_t end) { return NextData(fd_, off, end) - off; }
+std::uint64_t FileSource::HoleBytes(std::uint64_t off, std::uint64_t end) {
+    const off_t data = ::lseek(fd_, static_cast<off_t>(off), SEEK_DATA);
+    if (data >= 0) return std::min<std::uint64_t>(static_cast<std::uint64_t>(data), end) - off;
+    if (errno != ENXIO) return 0;  // no SEEK_DATA here: everything is data
+    // No data from `off` to the end of the file. Past the end is not a hole: a file or
+    // device shorter than the disk must fail the read, not pass for zeros.
+    struct stat st{};
+    if (::fstat(fd_, &st) != 0 || static_cast<std::uint64_t>(st.st_size) <= off) return 0;
+    return std::min<std::uint64_t>(static_cast<std::uint64_t>(st.st_size), end) - off;
+}
 
 bool FileSource::Read(std::uint64_t off, std::size_t n, unsigned char* buf, std::string& error) {
     if (ReadAt(fd_, buf, n, off)) return true;

@@ -108,18 +108,6 @@ std::uint64_t NextData(int fd, std::uint64_t off, std::uint64_t end) {
     return std::min<std::uint64_t>(static_cast<std::uint64_t>(r), end);
 }
 
-std::uint64_t NextHole(int fd, std::uint64_t off, std::uint64_t end) {
-    const off_t r = ::lseek(fd, static_cast<off_t>(off), SEEK_HOLE);
-    if (r < 0) return end;
-    return std::min<std::uint64_t>(static_cast<std::uint64_t>(r), end);
-}
-
-bool IsZero(const unsigned char* buf, std::size_t n) {
-    for (std::size_t i = 0; i < n; i += kGranule)
-        if (std::memcmp(buf + i, kZeros, std::min(kGranule, n - i)) != 0) return false;
-    return true;
-}
-
 std::uint64_t NonZeroGranules(const unsigned char* buf, std::size_t n) {
     std::uint64_t mask = 0;
     for (std::size_t i = 0, bit = 0; i < n && bit < 64; i += kGranule, ++bit)

@@ -59,12 +59,9 @@ bool WriteZerosToStream(int fd, std::uint64_t n);
 // Start of the next data range at or after off, `end` when only holes remain before it.
 // Files without SEEK_DATA (block devices, some file systems) report everything as data.
 std::uint64_t NextData(int fd, std::uint64_t off, std::uint64_t end);
-// Start of the next hole at or after off (`end` when there is none before it).
-std::uint64_t NextHole(int fd, std::uint64_t off, std::uint64_t end);
 
 // Bit i set when granule i of buf (n bytes, at most 64 granules) holds a non-zero byte.
 std::uint64_t NonZeroGranules(const unsigned char* buf, std::size_t n);
-bool IsZero(const unsigned char* buf, std::size_t n);
 
 // Writes the granules of buf that `mask` marks (see NonZeroGranules), coalesced into runs,
 // at off + their position; adds the bytes written to `written`.
