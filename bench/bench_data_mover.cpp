@@ -3,7 +3,7 @@
 // disks, each half random data and half holes. Prints throughput and CPU per variant and
 // the RATIOS of the medians, all measured in the same run.
 //
-//   backup:  every disk file -> a new image (hxagent: SHA-256 digest on the way, images
+//   backup:  every disk file -> a new image (hxagent: block digest on the way, images
 //            fsynced) against `cp --sparse=always`, `dd bs=4M conv=sparse` and `cat >`,
 //            each followed by an fsync of its outputs (the mover's images are durable when
 //            it returns; a tool's copy timed up to the page cache would not be).
@@ -20,6 +20,7 @@
 //   HX_BENCH_DISKS      number of disk files (default 4)
 //   HX_BENCH_DISK_MIB   size of each in MiB (default 768, rounded to 32 MiB)
 //   HX_BENCH_REPS       repetitions, the variants taking turns (default 3)
+//   HX_BENCH_ONLY       run only the variants whose name holds this text (for a profiler)
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -43,6 +44,7 @@
 #include <vector>
 
 #include "DataMover.h"
+#include "io/BackgroundSync.h"
 
 extern char** environ;
 
@@ -177,12 +179,19 @@ std::vector<Variant> Variants() {
         };
     };
     return {
+        // As the backup job does it: each image flushed while the next disk is read, all
+        // of them flushed before the job goes on.
         {"backup: hxagent", false,
          [](const DiskSet& s) {
+             hxagent::io::BackgroundSync sync;
+             hxagent::MoveOptions o;
+             o.sync = &sync;
              for (size_t i = 0; i < s.sources.size(); ++i) {
-                 auto r = hxagent::ReadToImage(s.sources[i], s.diskSize, s.Out(i), {});
+                 auto r = hxagent::ReadToImage(s.sources[i], s.diskSize, s.Out(i), o);
                  if (!r.ok) Die("ReadToImage: " + r.error);
              }
+             std::string error;
+             if (!sync.Wait(error)) Die(error);
          }},
         {"backup: cp --sparse=always", false,
          each([](const DiskSet& s, size_t i) { Run({"cp", "--sparse=always", s.sources[i], s.Out(i)}); })},
@@ -192,10 +201,15 @@ std::vector<Variant> Variants() {
         {"backup: cat", false, each([](const DiskSet& s, size_t i) { Run({"cat", s.sources[i]}, s.Out(i)); })},
         {"restore: hxagent", true,
          [](const DiskSet& s) {
+             hxagent::io::BackgroundSync sync;
+             hxagent::MoveOptions o;
+             o.sync = &sync;
              for (size_t i = 0; i < s.images.size(); ++i) {
-                 auto r = hxagent::WriteImageToDevice(s.images[i], s.Out(i), {});
+                 auto r = hxagent::WriteImageToDevice(s.images[i], s.Out(i), o);
                  if (!r.ok) Die("WriteImageToDevice: " + r.error);
              }
+             std::string error;
+             if (!sync.Wait(error)) Die(error);
          }},
         {"restore: cp + sync", true, each([](const DiskSet& s, size_t i) { Run({"cp", s.images[i], s.Out(i)}); })},
     };
@@ -235,7 +249,9 @@ double Median(std::vector<double> v) {
 int main() {
     const DiskSet set;
     const int reps = static_cast<int>(EnvNumber("HX_BENCH_REPS", 3));
-    const std::vector<Variant> variants = Variants();
+    std::vector<Variant> variants = Variants();
+    const std::string only = EnvOr("HX_BENCH_ONLY", "");
+    std::erase_if(variants, [&](const Variant& v) { return v.name.find(only) == std::string::npos; });
     std::map<std::string, std::vector<double>> wall, cpu;
     for (int rep = 0; rep < reps; ++rep) {
         // The order turns each repetition, so a drift of the machine's speed spreads over all.
@@ -260,6 +276,7 @@ int main() {
         std::printf("RATIO %-44s %6.3f  CPU %6.3f%s\n", label, Median(wall[b]) / Median(wall[a]),
                     Median(cpu[a]) / Median(cpu[b]), target);
     };
+    if (!only.empty()) return 0;
     std::printf("(throughput ratio = baseline time / hxagent time; CPU ratio = hxagent CPU / baseline CPU)\n");
     ratio("backup  hxagent / cp --sparse=always + sync", "backup: hxagent", "backup: cp --sparse=always",
           "  (target >= 1.0)");

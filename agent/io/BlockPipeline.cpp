@@ -140,7 +140,6 @@ private:
                 if (sink_ && !sink_->Write(off + at, nonZero ? buf : nullptr, len, nonZero, stored, error))
                     return false;
             }
-            if (sink_) sink_->Written(off, n);
         }
         if (hash.Finish(digest)) return true;
         error = "SHA-256 computation failed";

@@ -60,11 +60,6 @@ public:
     // own counter, never shared between threads); false with a one-line `error`.
     virtual bool Write(std::uint64_t off, const unsigned char* data, std::size_t n, std::uint64_t nonZero,
                        std::uint64_t& stored, std::string& error) = 0;
-    // Every byte of [off, off + n) has been handed to Write. Thread-safe unless ordered().
-    virtual void Written(std::uint64_t off, std::uint64_t n) {
-        (void)off;
-        (void)n;
-    }
 };
 
 // Moves [0, size) of `source` into `sink` (null: only hash), computing options.digest.

@@ -1,6 +1,5 @@
 #include "io/Endpoints.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,10 +46,6 @@ bool GranuleSink::Write(std::uint64_t off, const unsigned char* data, std::size_
     if (!data || WriteGranules(fd_, data, n, nonZero, off, stored)) return true;
     error = Why("cannot write", path_);
     return false;
-}
-
-void GranuleSink::Written(std::uint64_t off, std::uint64_t n) {
-    ::sync_file_range(fd_, static_cast<off_t>(off), static_cast<off_t>(n), SYNC_FILE_RANGE_WRITE);
 }
 
 bool StreamSink::Write(std::uint64_t, const unsigned char* data, std::size_t n, std::uint64_t,

@@ -50,9 +50,6 @@ public:
     bool ordered() const override { return false; }
     bool Write(std::uint64_t off, const unsigned char* data, std::size_t n, std::uint64_t nonZero,
                std::uint64_t& stored, std::string& error) override;
-    // Starts the write-back of the range (sync_file_range): the disk works while the next
-    // blocks are read, instead of all at the final fsync. Failures show at that fsync.
-    void Written(std::uint64_t off, std::uint64_t n) override;
 
 private:
     int fd_;
