@@ -9,6 +9,7 @@
 #include "OwnershipSweep.h"
 #include "Preflight.h"
 #include "Version.h"
+#include "io/BackgroundSync.h"
 #include "hxruntime/HostApi.h"
 #include "storage/RepositoryBackupJob.h"
 
@@ -178,6 +179,9 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
     }
 
     const auto copyStarted = std::chrono::steady_clock::now();
+    // Each image is flushed while the next disk is attached and read; all of them are
+    // durable before the manifest says the backup is complete.
+    io::BackgroundSync flushes;
     for (const auto& e : entries) {
         if (!ok) break;
         if (e.entryType != 1 || e.disks.empty()) continue;
@@ -216,6 +220,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
             MoveOptions mo;
             mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
             mo.cancelled = Cancelled;
+            mo.sync = &flushes;
             std::string snapshot;
             moved = repo ? repo->PutDisk(opened.devicePath, static_cast<std::uint64_t>(size), image, mo, snapshot)
                          : ReadToImage(opened.devicePath, static_cast<std::uint64_t>(size), folder + "/" + image, mo);
@@ -233,7 +238,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
                 d.encrypted = src ? src->createFlag : false;
                 d.zone = src && !src->zone.empty() ? src->zone : instance.hostName;
                 d.image = image;
-                d.sha256 = moved.sha256;
+                d.blockSha256 = moved.digest;
                 d.dataBytes = moved.dataBytes;
                 d.seconds = moved.seconds;
                 d.snapshot = snapshot;
@@ -249,6 +254,7 @@ BackupOutcome RunBackup(AgentContext& context, const BackupRequest& request, Pro
             break;
         }
     }
+    if (!flushes.Wait(error) && ok) fail(LocalFailure("cannot write the backup: " + error));
     m.copySeconds = Since(copyStarted);
     if (ok && m.disks.empty()) fail(LocalFailure("the plug-in reported no disk to back up for " + instance.guid));
 

@@ -105,8 +105,8 @@ void PrintPlan(const RestorePlan& plan, bool json, const AgentContext* context) 
     std::cout << "Nothing was changed.\n";
 }
 
-// `restore`: every check that can refuse comes first (name, backup, cloud), then the
-// checksums, then the job; nothing in the cloud changes before the job.
+// `restore`: every check that can refuse comes first (name, backup, cloud, the backup's
+// files), then the job; nothing in the cloud changes before the job.
 int RestoreCommand(GlobalOptions g, RestoreRequest request, bool dryRun, const RepositoryOptions& repo) {
     Progress progress(DetectOutputStyle(g.json));
     const std::string why = CheckInstanceName(request.name);
@@ -138,7 +138,8 @@ int RestoreCommand(GlobalOptions g, RestoreRequest request, bool dryRun, const R
         PrintPlan(plan, g.json, context.get());
         return kExitOk;
     }
-    if (!request.stored && !VerifyBackup(request.backupFolder, manifest, progress, error))
+    // The images' digests are checked as the job writes them, before anything is built.
+    if (!request.stored && !CheckBackupFiles(request.backupFolder, manifest, error))
         return Fail(LocalFailure("restore refused: " + error), context.get(), g.json);
     RestoreOutcome out = RunRestore(*context, manifest, request, progress);
     if (!out.ok) return Fail(out.failure, context.get(), g.json);

@@ -20,7 +20,7 @@ namespace {
 struct DiskCheck {
     std::string source, restored;
     std::uint64_t size = 0;
-    std::string sha256;
+    std::string digest;  // the manifest's, of the image
     bool identical = false;
     std::string error;
 };
@@ -41,7 +41,7 @@ std::vector<DiskCheck> CompareDisks(const json& state, const BackupOutcome& back
         DiskCheck c;
         c.source = md.id;
         c.size = md.size;
-        c.sha256 = md.sha256;
+        c.digest = DigestOf(md);
         const json* src = FindDisk(state, [&](const json& d) { return d.value("DiskId", "") == md.id; });
         const json* dst = FindDisk(state, [&](const json& d) {
             return md.isOSDisk ? d.value("InstanceId", "") == restore.instanceId && d.value("Type", "") == "system"
@@ -97,7 +97,8 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
     rr.backupFolder = backup.folder;
     rr.name = demo.restoreName.empty() ? backup.manifest.instanceName + "-restored" : demo.restoreName;
     rr.powerOn = true;
-    if (!VerifyBackup(rr.backupFolder, backup.manifest, progress, error)) {
+    // As the restore command: the digests are checked while the restore writes the disks.
+    if (!CheckBackupFiles(rr.backupFolder, backup.manifest, error)) {
         std::cerr << "hxagent: error: demo verification: " << error << "\n";
         context->KeepState();
         return kExitLocal;
@@ -147,7 +148,7 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
     if (options.json) {
         json disks = json::array();
         for (const auto& c : checks)
-            disks.push_back({{"source", c.source}, {"restored", c.restored}, {"size", c.size}, {"sha256", c.sha256},
+            disks.push_back({{"source", c.source}, {"restored", c.restored}, {"size", c.size}, {"digest", c.digest},
                              {"identical", c.identical}, {"error", c.error}});
         std::cout << json{{"ok", ok},
                           {"backup", BackupOutcomeJson(backup)},
@@ -164,7 +165,7 @@ int RunDemo(const GlobalOptions& options, const DemoOptions& demo) {
                   << ") backed up and restored as '" << restore.name << "' (" << restore.instanceId << ")\n";
         for (const auto& c : checks)
             std::cout << "  " << c.source << " -> " << (c.restored.empty() ? "?" : c.restored) << "  "
-                      << FormatBytes(c.size) << "  sha256 " << c.sha256.substr(0, 16) << "...  "
+                      << FormatBytes(c.size) << "  digest " << c.digest.substr(0, 16) << "...  "
                       << (c.identical ? "identical" : "DIFFERENT: " + c.error) << "\n";
         std::cout << "  left in the cloud: " << leftovers.Describe() << "\n";
         std::cout << "  cleaner store: " << (registered.empty() ? std::string("empty") : registered.front()) << "\n";

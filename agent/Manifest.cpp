@@ -17,6 +17,17 @@ namespace hxagent {
 
 using nlohmann::json;
 
+io::DigestKind DigestKindOf(const ManifestDisk& d) {
+    return d.blockSha256.empty() ? io::DigestKind::kSha256 : io::DigestKind::kBlockSha256;
+}
+
+const std::string& DigestOf(const ManifestDisk& d) { return d.blockSha256.empty() ? d.sha256 : d.blockSha256; }
+
+std::string ChecksumMismatch(const std::string& what, const ManifestDisk& d, const std::string& got) {
+    return what + " does not match its checksum (" + io::DigestName(DigestKindOf(d)) + " " + got + ", manifest " +
+           DigestOf(d) + "): the backup is damaged";
+}
+
 std::string ManifestToJson(const Manifest& m) {
     json disks = json::array();
     for (const auto& d : m.disks) {
@@ -30,9 +41,9 @@ std::string ManifestToJson(const Manifest& m) {
                          {"encrypted", d.encrypted},
                          {"zone", d.zone},
                          {"image", d.image},
-                         {"sha256", d.sha256},
                          {"dataBytes", d.dataBytes},
                          {"seconds", d.seconds}});
+        disks.back()[d.blockSha256.empty() ? "sha256" : "blockSha256"] = DigestOf(d);
         if (!d.snapshot.empty()) disks.back()["snapshot"] = d.snapshot;
     }
     json doc = {{"format", kManifestFormat},
@@ -97,7 +108,7 @@ bool ManifestFromJson(const std::string& text, Manifest& m, std::string& error) 
         }
         m = Manifest{};
         m.version = Get<int>(doc, "version", 0);
-        if (m.version != kManifestVersion) {
+        if (m.version < kOldestManifestVersion || m.version > kManifestVersion) {
             error = "manifest version " + std::to_string(m.version) + " is not supported";
             return false;
         }
@@ -127,11 +138,13 @@ bool ManifestFromJson(const std::string& text, Manifest& m, std::string& error) 
             disk.encrypted = Get<bool>(d, "encrypted", false);
             disk.zone = Get<std::string>(d, "zone", "");
             disk.image = Get<std::string>(d, "image", "");
-            disk.sha256 = Get<std::string>(d, "sha256", "");
+            // Each version carries its own digest and only that one.
+            const bool whole = m.version == 1;
+            (whole ? disk.sha256 : disk.blockSha256) = Get<std::string>(d, whole ? "sha256" : "blockSha256", "");
             disk.dataBytes = Get<std::uint64_t>(d, "dataBytes", 0);
             disk.seconds = Get<double>(d, "seconds", 0);
             disk.snapshot = Get<std::string>(d, "snapshot", "");
-            if (disk.id.empty() || !IsPlainName(disk.image) || !IsHex64(disk.sha256) || disk.size == 0 ||
+            if (disk.id.empty() || !IsPlainName(disk.image) || !IsHex64(DigestOf(disk)) || disk.size == 0 ||
                 disk.diskSize <= 0) {
                 error = "manifest entry of disk '" + disk.id + "' is incomplete";
                 return false;

@@ -9,11 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "io/ImageDigest.h"
+
 namespace hxagent {
 
 inline constexpr const char* kManifestName = "manifest.json";
 inline constexpr const char* kManifestFormat = "hxagent-ecs-backup";
-inline constexpr int kManifestVersion = 1;
+// Version 2 records each image's block digest (io/ImageDigest.h says why); version 1, still
+// read, verified and restored, recorded the SHA-256 of the whole image.
+inline constexpr int kManifestVersion = 2;
+inline constexpr int kOldestManifestVersion = 1;
 
 struct ManifestDisk {
     std::string id;            // source disk id ("d-...")
@@ -26,7 +31,8 @@ struct ManifestDisk {
     bool encrypted = false;
     std::string zone;
     std::string image;         // file name of the sparse image
-    std::string sha256;        // of the image's full content
+    std::string blockSha256;   // version 2: the image's block digest
+    std::string sha256;        // version 1: SHA-256 of the image's full content (= sha256sum)
     std::uint64_t dataBytes = 0;  // non-zero bytes stored
     double seconds = 0;        // time spent reading the disk
     std::string snapshot;      // repository backups: the restic snapshot holding the image
@@ -54,6 +60,12 @@ struct Manifest {
     std::string backupKey;
     std::string configSnapshot;
 };
+
+// What an image is checked against: the block digest, or in a version 1 manifest the SHA-256.
+io::DigestKind DigestKindOf(const ManifestDisk& d);
+const std::string& DigestOf(const ManifestDisk& d);
+// "<what> does not match its checksum (<kind> <got>, manifest <want>): the backup is damaged"
+std::string ChecksumMismatch(const std::string& what, const ManifestDisk& d, const std::string& got);
 
 std::string ManifestToJson(const Manifest& m);
 // False with `error` for a document that is not a manifest of a known version or lacks a

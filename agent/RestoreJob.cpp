@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "DataMover.h"
+#include "io/BackgroundSync.h"
 #include "OwnershipSweep.h"
 #include "hxruntime/HostApi.h"
 
@@ -72,7 +73,7 @@ bool FinishRestoredInstance(AgentContext& context, const RestoreCtx& ctx, Restor
 }
 }  // namespace
 
-bool VerifyBackup(const std::string& folder, const Manifest& m, Progress& progress, std::string& error) {
+bool CheckBackupFiles(const std::string& folder, const Manifest& m, std::string& error) {
     std::error_code ec;
     if (!fs::is_regular_file(fs::path(folder) / m.configFile, ec)) {
         error = "the configuration file " + m.configFile + " is missing from " + folder;
@@ -83,7 +84,7 @@ bool VerifyBackup(const std::string& folder, const Manifest& m, Progress& progre
         hasOS = hasOS || d.isOSDisk;
         const std::string path = folder + "/" + d.image;
         std::string why;
-        std::int64_t size = DeviceOrFileSize(path, why);
+        const std::int64_t size = DeviceOrFileSize(path, why);
         if (size < 0) {
             error = "image of disk " + d.id + ": " + why;
             return false;
@@ -93,25 +94,33 @@ bool VerifyBackup(const std::string& folder, const Manifest& m, Progress& progre
                     std::to_string(d.size);
             return false;
         }
-        progress.Begin("verify " + d.id, d.size);
-        MoveOptions mo;
-        mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
-        mo.cancelled = Cancelled;
-        MoveResult r = HashFile(path, mo);
-        progress.End(r.ok && r.sha256 == d.sha256);
-        if (!r.ok) {
-            error = r.cancelled ? "verification cancelled" : r.error;
-            return false;
-        }
-        if (r.sha256 != d.sha256) {
-            error = "image " + path + " does not match its checksum (SHA-256 " + r.sha256 + ", manifest " + d.sha256 +
-                    "): the backup is damaged";
-            return false;
-        }
     }
     if (!hasOS) {
         error = "the backup holds no system disk (was it excluded?); an instance cannot be restored from it";
         return false;
+    }
+    return true;
+}
+
+bool VerifyBackup(const std::string& folder, const Manifest& m, Progress& progress, std::string& error) {
+    if (!CheckBackupFiles(folder, m, error)) return false;
+    for (const auto& d : m.disks) {
+        const std::string path = folder + "/" + d.image;
+        progress.Begin("verify " + d.id, d.size);
+        MoveOptions mo;
+        mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
+        mo.cancelled = Cancelled;
+        mo.digest = DigestKindOf(d);
+        MoveResult r = HashFile(path, mo);
+        progress.End(r.ok && r.digest == DigestOf(d));
+        if (!r.ok) {
+            error = r.cancelled ? "verification cancelled" : r.error;
+            return false;
+        }
+        if (r.digest != DigestOf(d)) {
+            error = ChecksumMismatch("image " + path, d, r.digest);
+            return false;
+        }
     }
     return true;
 }
@@ -193,6 +202,8 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
     progress.Step("Creating empty disks and attaching them to the proxy...");
     if (vm.InitRestoreVM(ctx) != 1) fail(PluginFailure(vm, "InitRestoreVM", what + " failed"));
 
+    // Each target is flushed while the next disk is written; all are before the detach.
+    io::BackgroundSync flushes;
     for (size_t i = 0; ok && i < m.disks.size(); ++i) {
         const ManifestDisk& d = m.disks[i];
         if (i >= ctx.disks.size() || ctx.disks[i].devicePath.empty()) {
@@ -204,6 +215,8 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
         MoveOptions mo;
         mo.progress = [&](std::uint64_t done, std::uint64_t) { progress.Update(done); };
         mo.cancelled = Cancelled;
+        mo.digest = DigestKindOf(d);
+        mo.sync = &flushes;
         MoveResult r = request.stored ? request.stored->ReadDisk(d, target.devicePath, mo)
                                       : WriteImageToDevice(request.backupFolder + "/" + d.image, target.devicePath, mo);
         progress.End(r.ok);
@@ -212,12 +225,15 @@ RestoreOutcome RunRestore(AgentContext& context, const Manifest& m, const Restor
                              : LocalFailure("cannot write disk " + target.diskId + ": " + r.error));
             break;
         }
-        if (r.sha256 != d.sha256) {
-            fail(LocalFailure("image " + d.image + " changed while it was being restored"));
+        // The one check of a plain-folder image, in the pass that wrote it; a repository
+        // disk was checked by ReadDisk. Either way before anything is built from the disks.
+        if (!request.stored && r.digest != DigestOf(d)) {
+            fail(LocalFailure(ChecksumMismatch("image " + request.backupFolder + "/" + d.image, d, r.digest)));
             break;
         }
         out.disks.push_back({d.id, target.diskId, d.isOSDisk, d.size});
     }
+    if (!flushes.Wait(error) && ok) fail(LocalFailure("cannot write the restored disks: " + error));
     if (ok) {
         progress.Step("Detaching the written disks...");
         if (vm.PreRestoreVM(ctx) != 1) fail(PluginFailure(vm, "PreRestoreVM", what + " failed"));

@@ -1,8 +1,10 @@
 // `hxagent restore BACKUP --name NAME`: the framework's restore job.
 //
-//   verify every image against the manifest (nothing in the cloud is touched before) ->
-//   InitRestoreVM (empty disks in the proxy's zone, attached to the proxy; the plug-in
-//   writes each device path into ctx.disks[i]) -> write each image onto its device ->
+//   check the backup's files: sizes, configuration document, a system disk (nothing in the
+//   cloud is touched before) -> InitRestoreVM (empty disks in the proxy's zone, attached to
+//   the proxy; the plug-in writes each device path into ctx.disks[i]) -> write each image
+//   onto its device, checking its digest in the same pass (a mismatch fails the job before
+//   any image or instance is built, and the teardown removes the disks) ->
 //   PreRestoreVM (detach) -> RestoreVM (image from the system disk, instance, data disks)
 //   -> PostRestoreVM (power-on, temporary objects removed).
 // CleanupRestoreVM runs after any failure or Ctrl-C once InitRestoreVM was called.
@@ -31,7 +33,7 @@ struct RestoreRequest {
     bool powerOn = false;
     bool overwrite = false;
     // Set: the backup is read from a repository (disks streamed, each checked against its
-    // SHA-256 in the same pass) and backupFolder is unused.
+    // digest in the same pass) and backupFolder is unused.
     std::shared_ptr<const StoredBackup> stored;
 };
 
@@ -53,10 +55,14 @@ struct RestoreOutcome {
     std::vector<std::string> warnings;
 };
 
-// Checks sizes and SHA-256 of every image and the configuration file; false with `error`.
+// Checks what can be checked without reading the images: the configuration file, the
+// images' sizes, a system disk. False with `error`.
+bool CheckBackupFiles(const std::string& folder, const Manifest& m, std::string& error);
+// CheckBackupFiles, then every image's digest against the manifest; false with `error`.
 bool VerifyBackup(const std::string& folder, const Manifest& m, Progress& progress, std::string& error);
 
-// Runs one restore with a fresh plug-in object of `context`; the backup must be verified.
+// Runs one restore with a fresh plug-in object of `context`; the backup's files must have
+// been checked (CheckBackupFiles). Each image's digest is checked as it is written.
 RestoreOutcome RunRestore(AgentContext& context, const Manifest& manifest, const RestoreRequest& request,
                           Progress& progress, long long jobIdOffset = 0);
 

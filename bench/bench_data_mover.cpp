@@ -1,18 +1,29 @@
-// Throughput of hxagent's data mover against the usual command-line tools, on one sparse
-// file that looks like a lightly used disk: stretches of random data, stretches of written
-// zeros (allocated but empty, as a freshly formatted file system leaves them) and holes.
+// The data path of hxagent's plain-folder backups and restores against the command-line
+// tools doing the same copy, on a set of disk files that looks like an instance: several
+// disks, each half random data and half holes. Prints throughput and CPU per variant and
+// the RATIOS of the medians, all measured in the same run.
 //
-// Every variant is timed the same way: a steady clock around the operation alone, the
-// output's fsync included (the mover fsyncs its image, so cp and dd get an fsync of their
-// output before the clock stops). Removing the previous output and evicting the source
-// from the page cache happen outside the timed region.
+//   backup:  every disk file -> a new image (hxagent: block digest on the way, images
+//            fsynced) against `cp --sparse=always`, `dd bs=4M conv=sparse` and `cat >`,
+//            each followed by an fsync of its outputs (the mover's images are durable when
+//            it returns; a tool's copy timed up to the page cache would not be).
+//   restore: every image -> a fresh empty target of the disk's size (hxagent: digest
+//            checked on the way, targets fsynced) against `cp` followed by an fsync.
+//
+// CPU is user + system of the whole process for hxagent (every thread of it) and of the
+// children for the tools (getrusage RUSAGE_CHILDREN), the bench's own fsync calls added.
+// The inputs are in the page cache (read once before every timed run), as they are when a
+// backup reads a disk the proxy has just attached and the emulator serves from its files.
 //
 // Environment:
-//   HX_BENCH_DIR       folder for the temporary files (default $TMPDIR or /tmp)
-//   HX_BENCH_FILE_MIB  size of the source file in MiB (default 384, rounded to 32 MiB)
-#include <benchmark/benchmark.h>
+//   HX_BENCH_DIR        folder for the temporary files (default $TMPDIR or /tmp)
+//   HX_BENCH_DISKS      number of disk files (default 4)
+//   HX_BENCH_DISK_MIB   size of each in MiB (default 768, rounded to 32 MiB)
+//   HX_BENCH_REPS       repetitions, the variants taking turns (default 3)
+//   HX_BENCH_ONLY       run only the variants whose name holds this text (for a profiler)
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,12 +36,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "DataMover.h"
+#include "io/BackgroundSync.h"
 
 extern char** environ;
 
@@ -39,21 +53,28 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::uint64_t kMiB = 1ull << 20;
-// One stripe of the source: random data, then written zeros, then a hole.
+// One stripe of a disk: random data, then a hole of the same length.
 constexpr std::uint64_t kStripe = 32 * kMiB;
-constexpr std::uint64_t kRandomPerStripe = 12 * kMiB;
-constexpr std::uint64_t kZerosPerStripe = 4 * kMiB;
+constexpr std::uint64_t kRandomPerStripe = 16 * kMiB;
 
 std::string EnvOr(const char* name, const std::string& fallback) {
     const char* v = std::getenv(name);
     return v && *v ? std::string(v) : fallback;
 }
+std::uint64_t EnvNumber(const char* name, std::uint64_t fallback) {
+    const std::uint64_t v = std::strtoull(EnvOr(name, std::to_string(fallback)).c_str(), nullptr, 10);
+    return v > 0 ? v : fallback;
+}
 
-// Full write or throw: the fixture must be exactly what it claims to be.
+[[noreturn]] void Die(const std::string& what) {
+    std::fprintf(stderr, "bench_data_mover: %s\n", what.c_str());
+    std::exit(1);
+}
+
 void WriteAll(int fd, const char* data, std::size_t n, off_t at) {
     while (n > 0) {
         ssize_t w = ::pwrite(fd, data, n, at);
-        if (w < 0) throw std::runtime_error(std::string("pwrite: ") + std::strerror(errno));
+        if (w < 0) Die(std::string("pwrite: ") + std::strerror(errno));
         data += w;
         n -= static_cast<std::size_t>(w);
         at += w;
@@ -62,22 +83,11 @@ void WriteAll(int fd, const char* data, std::size_t n, off_t at) {
 
 void FsyncPath(const std::string& path) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw std::runtime_error("open " + path + ": " + std::strerror(errno));
-    int rc = ::fsync(fd);
-    ::close(fd);
-    if (rc != 0) throw std::runtime_error("fsync " + path + ": " + std::strerror(errno));
-}
-
-// Clean pages only: the file has been fsynced, so this empties the page cache of it.
-void Evict(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
-    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    if (fd < 0 || ::fsync(fd) != 0) Die("fsync " + path + ": " + std::strerror(errno));
     ::close(fd);
 }
 
-// Brings a file into the page cache.
+// Brings a file into the page cache (holes cost nothing to read).
 void Warm(const std::string& path) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return;
@@ -87,244 +97,191 @@ void Warm(const std::string& path) {
     ::close(fd);
 }
 
-std::uint64_t AllocatedBytes(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return 0;
-    return static_cast<std::uint64_t>(st.st_blocks) * 512;
-}
-
-// Runs argv without a shell and waits; true on exit status 0.
-bool Run(const std::vector<std::string>& args) {
+// Runs argv without a shell, stdout to `out` when given; dies unless it exits 0.
+void Run(const std::vector<std::string>& args, const std::string& out = {}) {
     std::vector<char*> argv;
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (!out.empty())
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_t pid = 0;
-    if (::posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return false;
+    const int rc = ::posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) Die("cannot start " + args[0]);
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return false;
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    while (::waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR) Die("waitpid");
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) Die(args[0] + " failed");
 }
 
-struct Fixture {
-    fs::path dir;
-    std::string source;
-    std::string image;  // a reference image made by the mover, input of the restore and hash variants
-    std::uint64_t size = 0;
-    std::uint64_t nonZero = 0;    // bytes of random data
-    std::uint64_t allocated = 0;  // blocks the file system holds for the source
+double Cpu(const rusage& u) {
+    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+double CpuNow() {
+    rusage self{}, children{};
+    ::getrusage(RUSAGE_SELF, &self);
+    ::getrusage(RUSAGE_CHILDREN, &children);
+    return Cpu(self) + Cpu(children);
+}
 
-    Fixture() {
-        const std::uint64_t mib = std::strtoull(EnvOr("HX_BENCH_FILE_MIB", "384").c_str(), nullptr, 10);
-        const std::uint64_t stripes = std::max<std::uint64_t>(1, mib * kMiB / kStripe);
-        size = stripes * kStripe;
+struct DiskSet {
+    fs::path dir;
+    std::vector<std::string> sources, images;  // images: the mover's, input of the restores
+    std::uint64_t diskSize = 0;
+
+    DiskSet() {
+        const std::uint64_t disks = EnvNumber("HX_BENCH_DISKS", 4);
+        diskSize = std::max<std::uint64_t>(1, EnvNumber("HX_BENCH_DISK_MIB", 768) * kMiB / kStripe) * kStripe;
         fs::path base = EnvOr("HX_BENCH_DIR", EnvOr("TMPDIR", "/tmp"));
         std::string tmpl = (base / "hx-bench-mover-XXXXXX").string();
-        if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp in " + base.string() + " failed");
+        if (!::mkdtemp(tmpl.data())) Die("mkdtemp in " + base.string() + " failed");
         dir = tmpl;
-        source = (dir / "source.img").string();
-        image = (dir / "reference.img").string();
-
-        int fd = ::open(source.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd < 0) throw std::runtime_error("create " + source);
         std::mt19937_64 rng(20240531);
         std::vector<std::uint64_t> words(kRandomPerStripe / sizeof(std::uint64_t));
-        const std::vector<char> zeros(kZerosPerStripe, 0);
-        for (std::uint64_t s = 0; s < stripes; ++s) {
-            for (auto& w : words) w = rng();
-            const off_t at = static_cast<off_t>(s * kStripe);
-            WriteAll(fd, reinterpret_cast<const char*>(words.data()), kRandomPerStripe, at);
-            WriteAll(fd, zeros.data(), zeros.size(), at + static_cast<off_t>(kRandomPerStripe));
-            nonZero += kRandomPerStripe;
-        }
-        if (::ftruncate(fd, static_cast<off_t>(size)) != 0 || ::fsync(fd) != 0) {
+        for (std::uint64_t d = 0; d < disks; ++d) {
+            const std::string path = (dir / ("disk" + std::to_string(d) + ".src")).string();
+            int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+            if (fd < 0) Die("create " + path);
+            for (std::uint64_t at = 0; at < diskSize; at += kStripe) {
+                for (auto& w : words) w = rng();
+                WriteAll(fd, reinterpret_cast<const char*>(words.data()), kRandomPerStripe, static_cast<off_t>(at));
+            }
+            if (::ftruncate(fd, static_cast<off_t>(diskSize)) != 0 || ::fsync(fd) != 0) Die("size " + path);
             ::close(fd);
-            throw std::runtime_error("size " + source);
+            sources.push_back(path);
+            images.push_back((dir / ("disk" + std::to_string(d) + ".ref")).string());
+            auto made = hxagent::ReadToImage(path, diskSize, images.back(), {});
+            if (!made.ok) Die("reference image: " + made.error);
         }
-        ::close(fd);
-        allocated = AllocatedBytes(source);
-
-        auto made = hxagent::ReadToImage(source, size, image, {});
-        if (!made.ok) throw std::runtime_error("reference image: " + made.error);
     }
-    ~Fixture() {
+    ~DiskSet() {
         std::error_code ec;
         fs::remove_all(dir, ec);
     }
+    std::uint64_t Logical() const { return diskSize * sources.size(); }
+    std::string Out(size_t i) const { return (dir / ("out" + std::to_string(i))).string(); }
 };
 
-Fixture& Shared() {
-    static Fixture fixture;
-    return fixture;
+struct Variant {
+    std::string name;
+    bool restore = false;  // input: the images, outputs: fresh targets of the disk's size
+    std::function<void(const DiskSet&)> run;  // writes set.Out(i) for every disk
+};
+
+std::vector<Variant> Variants() {
+    auto each = [](auto copy) {
+        return [copy](const DiskSet& s) {
+            for (size_t i = 0; i < s.sources.size(); ++i) copy(s, i);
+            for (size_t i = 0; i < s.sources.size(); ++i) FsyncPath(s.Out(i));
+        };
+    };
+    return {
+        // As the backup job does it: each image flushed while the next disk is read, all
+        // of them flushed before the job goes on.
+        {"backup: hxagent", false,
+         [](const DiskSet& s) {
+             hxagent::io::BackgroundSync sync;
+             hxagent::MoveOptions o;
+             o.sync = &sync;
+             for (size_t i = 0; i < s.sources.size(); ++i) {
+                 auto r = hxagent::ReadToImage(s.sources[i], s.diskSize, s.Out(i), o);
+                 if (!r.ok) Die("ReadToImage: " + r.error);
+             }
+             std::string error;
+             if (!sync.Wait(error)) Die(error);
+         }},
+        {"backup: cp --sparse=always", false,
+         each([](const DiskSet& s, size_t i) { Run({"cp", "--sparse=always", s.sources[i], s.Out(i)}); })},
+        {"backup: dd bs=4M conv=sparse", false, each([](const DiskSet& s, size_t i) {
+             Run({"dd", "if=" + s.sources[i], "of=" + s.Out(i), "bs=4M", "conv=sparse", "status=none"});
+         })},
+        {"backup: cat", false, each([](const DiskSet& s, size_t i) { Run({"cat", s.sources[i]}, s.Out(i)); })},
+        {"restore: hxagent", true,
+         [](const DiskSet& s) {
+             hxagent::io::BackgroundSync sync;
+             hxagent::MoveOptions o;
+             o.sync = &sync;
+             for (size_t i = 0; i < s.images.size(); ++i) {
+                 auto r = hxagent::WriteImageToDevice(s.images[i], s.Out(i), o);
+                 if (!r.ok) Die("WriteImageToDevice: " + r.error);
+             }
+             std::string error;
+             if (!sync.Wait(error)) Die(error);
+         }},
+        {"restore: cp + sync", true, each([](const DiskSet& s, size_t i) { Run({"cp", s.images[i], s.Out(i)}); })},
+    };
 }
 
-enum Cache : int64_t { kCold = 0, kWarm = 1 };
-
-// Prepares one iteration outside the timed region: no previous output, the input in the
-// requested cache state.
-void Prepare(const std::string& input, const std::string& output, int64_t cache) {
-    std::error_code ec;
-    fs::remove(output, ec);
-    if (cache == kWarm)
-        Warm(input);
-    else
-        Evict(input);
-}
-
-void Report(benchmark::State& state, const Fixture& f, std::uint64_t written) {
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.size));
-    state.counters["logical_MiB"] = static_cast<double>(f.size) / kMiB;
-    state.counters["written_MiB"] = static_cast<double>(written) / kMiB;
-    state.counters["nonzero_B/s"] = benchmark::Counter(static_cast<double>(f.nonZero),
-                                                       benchmark::Counter::kIsIterationInvariantRate,
-                                                       benchmark::Counter::kIs1024);
-    state.SetLabel(state.range(0) == kWarm ? "input in page cache" : "input evicted");
-}
-
-template <typename Op>
-void Timed(benchmark::State& state, Op op) {
-    const auto start = std::chrono::steady_clock::now();
-    op();
-    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-}
-
-// Backup side: a disk (here the sparse source) into an image, SHA-256 computed on the way.
-void BM_MoverReadToImage(benchmark::State& state) {
-    Fixture& f = Shared();
-    const std::string out = (f.dir / "mover.img").string();
-    std::uint64_t written = 0;
-    for (auto _ : state) {
-        Prepare(f.source, out, state.range(0));
-        Timed(state, [&] {
-            auto r = hxagent::ReadToImage(f.source, f.size, out, {});
-            if (!r.ok) state.SkipWithError(r.error.c_str());
-            written = AllocatedBytes(out);
-        });
-    }
-    Report(state, f, written);
-}
-
-// Restore side: the image onto a fresh, zeroed target of the same size (what a new cloud
-// disk is); the target is created outside the timed region.
-void BM_MoverWriteImageToDevice(benchmark::State& state) {
-    Fixture& f = Shared();
-    const std::string out = (f.dir / "target.img").string();
-    std::uint64_t written = 0;
-    for (auto _ : state) {
-        Prepare(f.image, out, state.range(0));
-        int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(f.size)) != 0) {
-            state.SkipWithError("cannot create the target");
-            if (fd >= 0) ::close(fd);
-            break;
+// Untimed: no previous output (a restore target is a fresh empty file of the disk's size),
+// the inputs in the page cache and the previous run's writes on disk.
+void Prepare(const DiskSet& s, const Variant& v) {
+    for (size_t i = 0; i < s.sources.size(); ++i) {
+        std::error_code ec;
+        fs::remove(s.Out(i), ec);
+        if (v.restore) {
+            int fd = ::open(s.Out(i).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+            if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(s.diskSize)) != 0) Die("target " + s.Out(i));
+            ::close(fd);
         }
-        ::close(fd);
-        Timed(state, [&] {
-            auto r = hxagent::WriteImageToDevice(f.image, out, {});
-            if (!r.ok) state.SkipWithError(r.error.c_str());
-            written = AllocatedBytes(out);
-        });
+        Warm(v.restore ? s.images[i] : s.sources[i]);
     }
-    Report(state, f, written);
+    ::sync();
 }
 
-// The SHA-256 part of the backup cost, alone: the mover's sparse-aware hash of the image.
-void BM_MoverHashFile(benchmark::State& state) {
-    Fixture& f = Shared();
-    for (auto _ : state) {
-        Prepare(f.image, "", state.range(0));
-        Timed(state, [&] {
-            auto r = hxagent::HashFile(f.image, {});
-            if (!r.ok) state.SkipWithError(r.error.c_str());
-        });
+void Check(const DiskSet& s, const Variant& v) {
+    for (size_t i = 0; i < s.sources.size(); ++i) {
+        std::string why;
+        if (!hxagent::SameContent(s.sources[i], s.Out(i), s.diskSize, why) || fs::file_size(s.Out(i)) != s.diskSize)
+            Die(v.name + " produced a wrong copy of " + s.sources[i] + " " + why);
     }
-    Report(state, f, 0);
 }
 
-void BM_CpSparseAlways(benchmark::State& state) {
-    Fixture& f = Shared();
-    const std::string out = (f.dir / "cp.img").string();
-    std::uint64_t written = 0;
-    for (auto _ : state) {
-        Prepare(f.source, out, state.range(0));
-        Timed(state, [&] {
-            if (!Run({"cp", "--sparse=always", f.source, out})) state.SkipWithError("cp failed");
-            FsyncPath(out);
-            written = AllocatedBytes(out);
-        });
-    }
-    Report(state, f, written);
+double Median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
 }
-
-void BM_DdConvSparse(benchmark::State& state) {
-    Fixture& f = Shared();
-    const std::string out = (f.dir / "dd.img").string();
-    std::uint64_t written = 0;
-    for (auto _ : state) {
-        Prepare(f.source, out, state.range(0));
-        Timed(state, [&] {
-            if (!Run({"dd", "if=" + f.source, "of=" + out, "bs=4M", "conv=sparse", "status=none"}))
-                state.SkipWithError("dd failed");
-            FsyncPath(out);
-            written = AllocatedBytes(out);
-        });
-    }
-    Report(state, f, written);
-}
-
-// coreutils' SHA-256 of the same image, next to the mover's own hash.
-void BM_Sha256sum(benchmark::State& state) {
-    Fixture& f = Shared();
-    const std::string devnull = "/dev/null";
-    for (auto _ : state) {
-        Prepare(f.image, "", state.range(0));
-        Timed(state, [&] {
-            posix_spawn_file_actions_t actions;
-            ::posix_spawn_file_actions_init(&actions);
-            ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, devnull.c_str(), O_WRONLY, 0);
-            std::string prog = "sha256sum";
-            std::vector<char*> argv{prog.data(), f.image.data(), nullptr};
-            pid_t pid = 0;
-            int status = 1;
-            if (::posix_spawnp(&pid, "sha256sum", &actions, nullptr, argv.data(), environ) == 0)
-                ::waitpid(pid, &status, 0);
-            ::posix_spawn_file_actions_destroy(&actions);
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) state.SkipWithError("sha256sum failed");
-        });
-    }
-    Report(state, f, 0);
-}
-
-// The copies must be the source, or their speed means nothing: checked once, untimed.
-void BM_VerifyCopies(benchmark::State& state) {
-    Fixture& f = Shared();
-    for (auto _ : state) {
-        for (const char* name : {"mover.img", "target.img", "cp.img", "dd.img"}) {
-            const std::string path = (f.dir / name).string();
-            if (!fs::exists(path)) continue;
-            std::string error;
-            if (!hxagent::SameContent(f.source, path, f.size, error) || fs::file_size(path) != f.size) {
-                state.SkipWithError((std::string(name) + " differs from the source " + error).c_str());
-                return;
-            }
-        }
-    }
-    state.SetLabel("mover, restore, cp and dd outputs equal the source");
-}
-
-void Args(benchmark::internal::Benchmark* b) {
-    b->ArgName("warm")->Arg(kCold)->Arg(kWarm)->Iterations(4)->UseManualTime()->Unit(benchmark::kMillisecond);
-}
-
-BENCHMARK(BM_MoverReadToImage)->Apply(Args);
-BENCHMARK(BM_MoverWriteImageToDevice)->Apply(Args);
-BENCHMARK(BM_CpSparseAlways)->Apply(Args);
-BENCHMARK(BM_DdConvSparse)->Apply(Args);
-BENCHMARK(BM_MoverHashFile)->Apply(Args);
-BENCHMARK(BM_Sha256sum)->Apply(Args);
-BENCHMARK(BM_VerifyCopies)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main() {
+    const DiskSet set;
+    const int reps = static_cast<int>(EnvNumber("HX_BENCH_REPS", 3));
+    std::vector<Variant> variants = Variants();
+    const std::string only = EnvOr("HX_BENCH_ONLY", "");
+    std::erase_if(variants, [&](const Variant& v) { return v.name.find(only) == std::string::npos; });
+    std::map<std::string, std::vector<double>> wall, cpu;
+    for (int rep = 0; rep < reps; ++rep) {
+        // The order turns each repetition, so a drift of the machine's speed spreads over all.
+        for (size_t k = 0; k < variants.size(); ++k) {
+            const Variant& v = variants[(k + static_cast<size_t>(rep)) % variants.size()];
+            Prepare(set, v);
+            const double cpu0 = CpuNow();
+            const auto t0 = std::chrono::steady_clock::now();
+            v.run(set);
+            wall[v.name].push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+            cpu[v.name].push_back(CpuNow() - cpu0);
+            Check(set, v);
+        }
+    }
+    const double gib = static_cast<double>(set.Logical()) / (1u << 30);
+    std::printf("%zu disks of %llu MiB (half random data, half holes), %.2f GiB logical, %d repetitions, medians\n",
+                set.sources.size(), static_cast<unsigned long long>(set.diskSize / kMiB), gib, reps);
+    for (const auto& v : variants)
+        std::printf("%-30s %7.3f s  %7.1f MiB/s  CPU %6.3f s\n", v.name.c_str(), Median(wall[v.name]),
+                    gib * 1024 / Median(wall[v.name]), Median(cpu[v.name]));
+    auto ratio = [&](const char* label, const std::string& a, const std::string& b, const char* target) {
+        std::printf("RATIO %-44s %6.3f  CPU %6.3f%s\n", label, Median(wall[b]) / Median(wall[a]),
+                    Median(cpu[a]) / Median(cpu[b]), target);
+    };
+    if (!only.empty()) return 0;
+    std::printf("(throughput ratio = baseline time / hxagent time; CPU ratio = hxagent CPU / baseline CPU)\n");
+    ratio("backup  hxagent / cp --sparse=always + sync", "backup: hxagent", "backup: cp --sparse=always",
+          "  (target >= 1.0)");
+    ratio("backup  hxagent / dd bs=4M conv=sparse + sync", "backup: hxagent", "backup: dd bs=4M conv=sparse", "");
+    ratio("backup  hxagent / cat + sync", "backup: hxagent", "backup: cat", "");
+    ratio("restore hxagent / cp + sync", "restore: hxagent", "restore: cp + sync", "  (target >= 1.0)");
+    return 0;
+}

@@ -119,7 +119,7 @@ void Alternate(int rep, A a, B b) {
 
 // The restore side, from the backup `snapshot` of repository `restic`.
 void MeasureRestores(Run& run, const Restic& restic, RepositoryWriter& writer, const std::string& snapshot,
-                     const std::string& sha256) {
+                     const std::string& digest) {
     Manifest m;
     m.instanceId = "i-bench";
     m.configFile = "config.json";
@@ -128,7 +128,7 @@ void MeasureRestores(Run& run, const Restic& restic, RepositoryWriter& writer, c
     d.image = "d-bench.img";
     d.size = run.size;
     d.diskSize = static_cast<std::int64_t>((run.size + (1ull << 30) - 1) >> 30);
-    d.sha256 = sha256;
+    d.blockSha256 = digest;
     d.snapshot = snapshot;
     d.isOSDisk = true;
     m.disks.push_back(d);
@@ -189,7 +189,7 @@ void MeasureBackups(Run& run) {
         std::string again;
         if (!writer.PutDisk(run.image, run.size, "d-bench.img", {}, again, run.secondAdded).ok)
             Die("second backup failed");
-        MeasureRestores(run, a, writer, snapshot, moved.sha256);
+        MeasureRestores(run, a, writer, snapshot, moved.digest);
     }
 }
 

@@ -157,9 +157,9 @@ int CatalogueCli::Describe(const GlobalOptions& g) {
               << m.zoneId << ", " << m.instanceType << "\n  taken " << m.startedAt << " .. " << m.finishedAt
               << " by proxy " << m.proxyId << " (hxagent " << m.agentVersion << ", " << m.cloud << ")\n"
               << "  configuration document " << m.configFile << "\n";
-    std::vector<std::vector<std::string>> rows{{"DISK", "SYSTEM", "SIZE", "CATEGORY", "SHA-256"}};
+    std::vector<std::vector<std::string>> rows{{"DISK", "SYSTEM", "SIZE", "CATEGORY", "DIGEST"}};
     for (const auto& d : m.disks)
-        rows.push_back({d.id, d.isOSDisk ? "yes" : "", FormatBytes(d.size), d.category, d.sha256});
+        rows.push_back({d.id, d.isOSDisk ? "yes" : "", FormatBytes(d.size), d.category, DigestOf(d)});
     PrintTable(rows);
     return kExitOk;
 }

@@ -75,7 +75,9 @@ bool VerifyFolder(const std::string& folder, Progress& progress, std::vector<std
     Manifest m;
     if (!ReadManifest(folder, m, error)) return false;
     if (!VerifyBackup(folder, m, progress, error)) return false;
-    for (const auto& d : m.disks) checks.push_back("disk " + d.id + ": " + std::to_string(d.size) + " bytes, SHA-256 matches");
+    for (const auto& d : m.disks)
+        checks.push_back("disk " + d.id + ": " + std::to_string(d.size) + " bytes, " + io::DigestName(DigestKindOf(d)) +
+                         " matches");
     checks.push_back("configuration document " + m.configFile + ": present");
     return true;
 }
@@ -102,7 +104,8 @@ bool VerifyRepository(const Restic& restic, const std::string& id, Progress& pro
             error = "disk " + d.id + " of backup " + backup.snapshot().shortId + ": " + moved.error;
             return false;
         }
-        checks.push_back("disk " + d.id + ": " + std::to_string(d.size) + " bytes read back, SHA-256 matches");
+        checks.push_back("disk " + d.id + ": " + std::to_string(d.size) + " bytes read back, " +
+                         io::DigestName(DigestKindOf(d)) + " matches");
     }
     checks.push_back("configuration document " + backup.manifest().configFile + ": readable");
     return true;

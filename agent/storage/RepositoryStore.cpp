@@ -280,7 +280,9 @@ MoveResult StoredBackup::ReadDisk(const ManifestDisk& disk, const std::string& t
         r.error = error;
         return r;
     }
-    r = StreamToDevice(child->fd(), "restic dump of " + disk.id, disk.size, target, options);
+    MoveOptions checked = options;
+    checked.digest = DigestKindOf(disk);
+    r = StreamToDevice(child->fd(), "restic dump of " + disk.id, disk.size, target, checked);
     // Closing our end stops a restic still writing; only a cancel kills it outright.
     ResticResult done = r.cancelled ? child->Kill() : child->Finish();
     if (r.ok && !done.ok()) {
@@ -288,10 +290,9 @@ MoveResult StoredBackup::ReadDisk(const ManifestDisk& disk, const std::string& t
         r.error = Restic::Describe("dump of disk " + disk.id, done);
     } else if (!r.ok && !r.cancelled && !done.err.empty()) {
         r.error += " (" + Restic::Describe("dump", done) + ")";
-    } else if (r.ok && r.sha256 != disk.sha256) {
+    } else if (r.ok && r.digest != DigestOf(disk)) {
         r.ok = false;
-        r.error = "disk " + disk.id + " read back from the repository does not match its checksum (SHA-256 " +
-                  r.sha256 + ", manifest " + disk.sha256 + "): the backup is damaged";
+        r.error = ChecksumMismatch("disk " + disk.id + " read back from the repository", disk, r.digest);
     }
     return r;
 }

@@ -97,7 +97,7 @@ public:
     const std::string& configText() const { return configText_; }
     const RepoSnapshot& snapshot() const { return snapshot_; }
     // Streams a disk from the repository onto `target` ("" = only read and hash), checking
-    // size and SHA-256 in the same pass; a mismatch fails the move.
+    // size and the manifest's digest in the same pass; a mismatch fails the move.
     MoveResult ReadDisk(const ManifestDisk& disk, const std::string& target, const MoveOptions& options) const;
 
 private:

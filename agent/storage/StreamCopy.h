@@ -1,13 +1,13 @@
 // Moving one disk between a device (or the emulator's disk file) and a pipe, with its
-// SHA-256 computed in the same pass: the data path of repository backups and restores.
+// digest computed in the same pass: the data path of repository backups and restores.
 //
-// Contracts (the same as DataMover.h's where they overlap):
-// - Reads are aligned 4 MiB chunks; ranges the source reports as holes (SEEK_DATA) are not
-//   read, their zeros are sent as they are (the stream carries the full logical content,
-//   and restic stores zero chunks once).
+// Contracts (the pipeline's, io/BlockPipeline.h, as DataMover.h describes them):
+// - Ranges the source reports as holes (SEEK_DATA) are not read; their zeros are sent as
+//   they are (the stream carries the full logical content, and restic stores zero chunks
+//   once).
 // - Writing to a device skips every all-zero 64 KiB granule: the target is a fresh disk.
-// - The SHA-256 covers the full logical content, so it equals `sha256sum` of the image.
-// - The cancel callback is polled between chunks. Errors never throw; a failed move names
+// - The digest is options.digest over the full logical content.
+// - The cancel callback is polled between blocks. Errors never throw; a failed move names
 //   the path and the system's reason.
 #pragma once
 
@@ -25,7 +25,8 @@ MoveResult DeviceToStream(const std::string& source, std::uint64_t size, int fd,
 
 // Reads exactly `size` bytes from `fd` and writes their non-zero granules to `target` at
 // the same offsets (target may be "" to only hash, as verification does). Fails when the
-// stream ends early or holds more than `size` bytes, or when the target is smaller.
+// stream ends early or holds more than `size` bytes, or when the target is smaller. The
+// target is fsynced, or handed to options.sync.
 MoveResult StreamToDevice(int fd, const std::string& fdName, std::uint64_t size, const std::string& target,
                           const MoveOptions& options);
 

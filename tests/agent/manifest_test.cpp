@@ -29,7 +29,7 @@ Manifest Sample() {
     d.diskSize = 1;
     d.category = "cloud_essd";
     d.image = "d-sys.img";
-    d.sha256 = std::string(64, 'a');
+    d.blockSha256 = std::string(64, 'a');
     d.dataBytes = 4096;
     m.disks.push_back(d);
     d.id = "d-data";
@@ -39,7 +39,7 @@ Manifest Sample() {
     d.category = "cloud_auto";
     d.encrypted = true;
     d.image = "d-data.img";
-    d.sha256 = std::string(64, 'b');
+    d.blockSha256 = std::string(64, 'b');
     m.disks.push_back(d);
     m.totalSeconds = 1.5;
     return m;
@@ -58,7 +58,8 @@ TEST(Manifest, RoundTripKeepsWhatRestoreNeeds) {
     EXPECT_EQ(out.disks[1].diskSize, 3);
     EXPECT_EQ(out.disks[1].category, "cloud_auto");
     EXPECT_TRUE(out.disks[1].encrypted);
-    EXPECT_EQ(out.disks[1].sha256, std::string(64, 'b'));
+    EXPECT_EQ(out.disks[1].blockSha256, std::string(64, 'b'));
+    EXPECT_EQ(DigestKindOf(out.disks[1]), io::DigestKind::kBlockSha256);
     EXPECT_DOUBLE_EQ(out.totalSeconds, 1.5);
 }
 
@@ -70,12 +71,18 @@ TEST(Manifest, RefusesDocumentsRestoreCannotTrust) {
         std::function<void(json&)> spoil;
     } cases[] = {
         {"other format", [](json& j) { j["format"] = "something-else"; }},
-        {"future version", [](json& j) { j["version"] = 2; }},
+        {"future version", [](json& j) { j["version"] = kManifestVersion + 1; }},
         {"no instance id", [](json& j) { j["instance"]["id"] = ""; }},
         {"config outside the folder", [](json& j) { j["configFile"] = "../etc/passwd.json"; }},
         {"image outside the folder", [](json& j) { j["disks"][0]["image"] = "/tmp/x.img"; }},
-        {"short checksum", [](json& j) { j["disks"][0]["sha256"] = "abc"; }},
-        {"upper-case checksum", [](json& j) { j["disks"][0]["sha256"] = std::string(64, 'A'); }},
+        {"short checksum", [](json& j) { j["disks"][0]["blockSha256"] = "abc"; }},
+        {"upper-case checksum", [](json& j) { j["disks"][0]["blockSha256"] = std::string(64, 'A'); }},
+        {"whole-image checksum in a block-digest version",
+         [](json& j) {
+             j["disks"][0].erase("blockSha256");
+             j["disks"][0]["sha256"] = std::string(64, 'a');
+         }},
+        {"block digest in a version 1 manifest", [](json& j) { j["version"] = 1; }},
         {"zero size", [](json& j) { j["disks"][1]["size"] = 0; }},
         {"no GiB size", [](json& j) { j["disks"][1]["diskSize"] = 0; }},
         {"no disks", [](json& j) { j["disks"] = json::array(); }},
@@ -92,6 +99,28 @@ TEST(Manifest, RefusesDocumentsRestoreCannotTrust) {
     Manifest m;
     std::string error;
     EXPECT_FALSE(ManifestFromJson("{not json", m, error));
+}
+
+// Backups written before the block digest carry the whole image's SHA-256 under version 1;
+// they stay readable, and are checked against that SHA-256.
+TEST(Manifest, ReadsVersionOneWithItsWholeImageChecksum) {
+    nlohmann::json j = nlohmann::json::parse(ManifestToJson(Sample()));
+    j["version"] = 1;
+    for (auto& d : j["disks"]) {
+        d["sha256"] = d["blockSha256"];
+        d.erase("blockSha256");
+    }
+    Manifest m;
+    std::string error;
+    ASSERT_TRUE(ManifestFromJson(j.dump(), m, error)) << error;
+    EXPECT_EQ(m.version, 1);
+    EXPECT_EQ(DigestKindOf(m.disks[1]), io::DigestKind::kSha256);
+    EXPECT_EQ(DigestOf(m.disks[1]), std::string(64, 'b'));
+    // Written back as it was read: version 1, "sha256".
+    const nlohmann::json again = nlohmann::json::parse(ManifestToJson(m));
+    EXPECT_EQ(again["version"], 1);
+    EXPECT_EQ(again["disks"][1]["sha256"], std::string(64, 'b'));
+    EXPECT_FALSE(again["disks"][1].contains("blockSha256"));
 }
 
 TEST(Manifest, WriteIsAtomicAndReadable) {

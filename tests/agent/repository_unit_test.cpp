@@ -204,7 +204,7 @@ protected:
 };
 
 TEST_F(StreamCopyTest, DeviceToStreamToDeviceRoundTrips) {
-    const std::string expected = HashFile(source_, {}).sha256;
+    const std::string expected = HashFile(source_, {}).digest;
     const std::string target = (dir_ / "target").string();
     std::ofstream(target).close();
     fs::resize_file(target, kSize + 4096);
@@ -213,8 +213,8 @@ TEST_F(StreamCopyTest, DeviceToStreamToDeviceRoundTrips) {
             [&](int fd) { received = StreamToDevice(fd, "pipe", kSize, target, {}); });
     ASSERT_TRUE(sent.ok) << sent.error;
     ASSERT_TRUE(received.ok) << received.error;
-    EXPECT_EQ(sent.sha256, expected);
-    EXPECT_EQ(received.sha256, expected);
+    EXPECT_EQ(sent.digest, expected);
+    EXPECT_EQ(received.digest, expected);
     EXPECT_EQ(received.dataBytes, 1u << 20);  // only the non-zero granules were written
     std::string error;
     EXPECT_TRUE(SameContent(source_, target, kSize, error)) << error;

@@ -34,7 +34,8 @@ TEST_F(AgentE2E, BackupAndRestoreUnderANewNameIsByteIdentical) {
         // The image is the source disk, and its checksum is the image's.
         std::string why;
         EXPECT_TRUE(hxagent::SameContent(folder + "/" + d.image, (*disk)["File"], d.size, why)) << d.id << why;
-        EXPECT_EQ(hxagent::HashFile(folder + "/" + d.image, {}).sha256, d.sha256);
+        EXPECT_EQ(hxagent::DigestKindOf(d), hxagent::io::DigestKind::kBlockSha256) << d.id;
+        EXPECT_EQ(hxagent::HashFile(folder + "/" + d.image, {}).digest, hxagent::DigestOf(d)) << d.id;
     }
     // The configuration document is there under a clean name, and is the only other JSON.
     EXPECT_TRUE(fs::is_regular_file(folder + "/" + m.configFile));
@@ -85,8 +86,9 @@ TEST_F(AgentE2E, BackupAndRestoreUnderANewNameIsByteIdentical) {
     ExpectNothingLeft();
 }
 
-// A backup whose image was damaged is refused before anything happens in the cloud.
-TEST_F(AgentE2E, RestoreRefusesADamagedBackup) {
+// A backup whose image was damaged fails the restore in the pass that writes the disk: no
+// image or instance is built, and the disks the job made are removed.
+TEST_F(AgentE2E, RestoreOfADamagedBackupFailsBeforeAnythingIsBuilt) {
     hxagent::Manifest m;
     const std::string folder = Backup("db-01", m);
     ASSERT_FALSE(folder.empty());
@@ -103,11 +105,13 @@ TEST_F(AgentE2E, RestoreRefusesADamagedBackup) {
     ASSERT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "DELETE", "/_sim/calls", "", ignored, error)) << error;
     RunResult r = Run({"restore", folder, "--name", "db-01-copy"});
     EXPECT_EQ(r.exitCode, 3) << r.out << r.err;
-    EXPECT_NE(r.out.find("checksum"), std::string::npos) << r.out;
-    // Only the pre-flight's look-ups reached the cloud.
+    const std::string damaged = folder + "/" + m.disks.back().image;
+    EXPECT_NE(r.out.find("image " + damaged + " does not match its checksum (block SHA-256"), std::string::npos) << r.out;
     const json calls = Calls();
-    for (const auto& [action, counts] : calls["actions"].items()) EXPECT_EQ(action.rfind("Describe", 0), 0u) << action;
+    for (const char* never : {"CreateImage", "RunInstances", "CreateInstance"})
+        EXPECT_FALSE(calls["actions"].contains(never)) << never;
     EXPECT_TRUE(Instances(State(), "db-01-copy").empty());
+    ExpectNothingLeft();
 }
 
 // --overwrite replaces an existing instance of the same name; without it the restore is
