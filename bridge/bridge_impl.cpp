@@ -9,6 +9,7 @@
 
 #include "bridge_common.h"
 #include "credentials_chain.h"
+#include "hxutil/Random.h"
 
 namespace hxbridge {
 
@@ -134,7 +135,7 @@ json Impl::Call(const std::string& action, const std::string& regionId, Params p
     return Api().Call(action, regionId, std::move(params));
 }
 
-std::string Impl::ClientToken() { return RandomUuid(); }
+std::string Impl::ClientToken() { return hxutil::RandomUuid(); }
 
 std::string Impl::DefaultRegion() {
     if (!deps_.settings.defaultRegion.empty()) return deps_.settings.defaultRegion;

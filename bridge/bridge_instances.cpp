@@ -11,6 +11,7 @@
 #include "json_util.h"
 #include "mapping.h"
 #include "platform_names.h"
+#include "hxutil/IsoTime.h"
 
 using namespace hxbridge;
 using namespace hxbridge::bridge_detail;
@@ -82,7 +83,7 @@ void Impl::GetVMInfoAndConfigFile(const std::string& instanceId, SVMInfo& out, s
     std::string region;
     SVMInfo vm = DescribeWithDisks(instanceId, &doc.instance, &doc.disks, &region);
     doc.regionId = region;
-    doc.createdAt = FormatTimestamp(std::chrono::system_clock::now());
+    doc.createdAt = hxutil::IsoUtc(std::chrono::system_clock::now());
     doc.architecture = vm.guestOS.substr(vm.guestOS.rfind(';') + 1);
     if (auto t = InstanceType(region, vm.vmProfile)) doc.instanceType = *t;
     configText = doc.Serialize();

@@ -10,6 +10,8 @@
 
 #include "api_client.h"
 #include "percent_encode.h"
+#include "hxutil/Random.h"
+#include "hxutil/IsoTime.h"
 
 namespace hxbridge {
 
@@ -170,8 +172,8 @@ TimedCredentials AssumeRoleWithOidc(HttpTransport& http, const std::string& stsE
     Params params{{"Action", "AssumeRoleWithOIDC"},
                   {"Version", kStsVersion},
                   {"Format", "JSON"},
-                  {"Timestamp", FormatTimestamp(std::chrono::system_clock::now())},
-                  {"SignatureNonce", RandomUuid()},
+                  {"Timestamp", hxutil::IsoUtc(std::chrono::system_clock::now())},
+                  {"SignatureNonce", hxutil::RandomUuid()},
                   {"OIDCProviderArn", providerArn},
                   {"RoleArn", role.roleArn},
                   {"OIDCToken", oidcToken},

@@ -23,11 +23,9 @@ std::string StringToSign(const std::string& method, const Params& params);
 // Base64(HMAC-SHA1(secret + "&", stringToSign)).
 std::string HmacSha1Base64(const std::string& secret, const std::string& stringToSign);
 
-// UTC "yyyy-MM-ddTHH:mm:ssZ" (whole seconds).
-std::string FormatTimestamp(std::chrono::system_clock::time_point t);
-
-// A random RFC 4122 version-4 UUID (lower-case), from a cryptographic source.
-std::string RandomUuid();
+// The Timestamp parameter is hxutil::IsoUtc (UTC, whole seconds) and the nonce
+// hxutil::RandomUuid. Only the canonical query and the string to sign stay the signer's own:
+// the emulator verifies them with code written apart from this, so the two check each other.
 
 struct Credentials {
     std::string accessKeyId;

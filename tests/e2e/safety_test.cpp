@@ -166,8 +166,9 @@ TEST_F(SafetyE2E, ConnectionFailuresNameTheirCause) {
         const std::string message = r.doc.is_object() ? r.doc["error"].value("message", "") : r.out + r.err;
         for (const auto& n : c.named) EXPECT_NE(message.find(n), std::string::npos) << message;
         EXPECT_EQ(message.find("error 0"), std::string::npos) << message;
-        if (c.variable == "ALIBABA_CLOUD_ACCESS_KEY_SECRET")
+        if (c.variable == "ALIBABA_CLOUD_ACCESS_KEY_SECRET") {
             EXPECT_EQ(message.find(c.value), std::string::npos) << "the secret is in the message";
+        }
     }
     env_ = saved;
 }
