@@ -1,5 +1,7 @@
 #include "Cli.h"
 
+#include <charconv>
+
 #include <CLI/CLI.hpp>
 #include <iostream>
 
@@ -26,6 +28,20 @@
 namespace hxagent {
 
 namespace {
+
+// A job id is a whole number from 1 up; CLI11's own positive-number check would answer 0 with
+// the range of a double, 300 digits long.
+CLI::Validator JobIdValidator() {
+    return CLI::Validator(
+        [](std::string& value) -> std::string {
+            long long id = 0;
+            const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), id);
+            if (ec != std::errc() || end != value.data() + value.size() || id < 1)
+                return "must be a whole number from 1 up, not '" + value + "'";
+            return {};
+        },
+        "JOB-ID");
+}
 
 // Every JSON document names the cloud that answered (endpoint, region, emulator or not).
 nlohmann::json WithCloud(nlohmann::json doc, const AgentContext* context) {
@@ -154,11 +170,14 @@ int RunCli(int argc, char** argv) {
     // Backups, logs and the state folder are the operator's alone, whatever umask we inherit.
     ::umask(077);
     CLI::App app{
-        "hxagent: backs up and restores Alibaba Cloud ECS instances through the ECS plug-in.\n"
-        "Credentials follow the Alibaba Cloud chain: ALIBABA_CLOUD_ACCESS_KEY_ID and ALIBABA_CLOUD_ACCESS_KEY_SECRET\n"
-        "(+ ALIBABA_CLOUD_SECURITY_TOKEN), OIDC, a profile of ~/.aliyun/config.json (any mode),\n"
-        "ALIBABA_CLOUD_ECS_METADATA, ALIBABA_CLOUD_CREDENTIALS_URI, then the instance's RAM role. With none of\n"
-        "them a command fails; the built-in ECS emulator runs only for demo, sim and --embedded.",
+        std::string("hxagent: backs up and restores Alibaba Cloud ECS instances through the ECS plug-in.\n"
+                    "Credentials follow the Alibaba Cloud chain: ALIBABA_CLOUD_ACCESS_KEY_ID and "
+                    "ALIBABA_CLOUD_ACCESS_KEY_SECRET\n"
+                    "(+ ALIBABA_CLOUD_SECURITY_TOKEN), OIDC, a profile of ~/.aliyun/config.json (any mode),\n"
+                    "ALIBABA_CLOUD_ECS_METADATA, ALIBABA_CLOUD_CREDENTIALS_URI, then the instance's RAM role. With "
+                    "none of\nthem a command fails; ") +
+            (HasBuiltInEmulator() ? "the built-in ECS emulator runs only for demo, sim and --embedded."
+                                  : "this build has no ECS emulator (demo, sim and --embedded are not available)."),
         "hxagent"};
     app.require_subcommand(1);
     app.fallthrough();
@@ -178,7 +197,7 @@ int RunCli(int argc, char** argv) {
                    "Factor for every wait (1 = real time; the built-in emulator defaults to 0.01)")
         ->check(CLI::Range(0.0, 1000.0));
     app.add_option("--job-id", g.jobId, "Job id written in the log (default: the current Unix time)")
-        ->check(CLI::PositiveNumber);
+        ->check(JobIdValidator());
     app.add_flag("--json", g.json, "Print one JSON document on stdout instead of text and progress");
     app.add_flag("--embedded", g.embedded, "Use the built-in emulator even when a cloud is configured");
     app.add_option("--scenario", g.scenario, "World of the built-in emulator (JSON file; default: the demo world)")

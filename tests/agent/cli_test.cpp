@@ -1,5 +1,5 @@
-// What hxagent's command line answers before any command runs: --version, and in a build
-// without the emulator the refusal of everything that needs it.
+// What hxagent's command line answers before any command runs: --version, a bad --job-id,
+// and in a build without the emulator the refusal of everything that needs it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -46,6 +46,16 @@ TEST(Cli, VersionPrintsTheProjectVersionAlone) {
     }
 }
 
+TEST(Cli, AJobIdThatIsNotAPositiveWholeNumberIsRefusedInOneShortLine) {
+    for (const char* bad : {"0", "-3", "1.5", "12abc", "99999999999999999999"}) {
+        CliRun run = RunHxagent({"--job-id", bad, "list"});
+        EXPECT_EQ(run.status, 2) << bad;
+        EXPECT_THAT(run.err, testing::HasSubstr("must be a whole number from 1 up, not '" + std::string(bad) + "'"))
+            << bad;
+        EXPECT_LT(run.err.size(), 200u) << run.err;
+    }
+}
+
 TEST(Cli, WithoutTheEmulatorDemoSimAndEmbeddedAreRefusedInOneLine) {
     if (HasBuiltInEmulator()) GTEST_SKIP() << "this build carries the emulator";
     const std::vector<std::vector<std::string>> refused = {
@@ -60,6 +70,7 @@ TEST(Cli, WithoutTheEmulatorDemoSimAndEmbeddedAreRefusedInOneLine) {
     EXPECT_EQ(json.status, 2);
     EXPECT_THAT(json.out, testing::HasSubstr(kNoEmulatorMessage));
     EXPECT_THAT(json.out, testing::HasSubstr("\"ok\": false"));
+    EXPECT_THAT(RunHxagent({"--help"}).out, testing::HasSubstr("this build has no ECS emulator"));
 }
 
 }  // namespace

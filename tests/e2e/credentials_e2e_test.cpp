@@ -82,6 +82,13 @@ protected:
 
 TEST_F(KeylessE2E, BackupAndRestoreThroughTheProxysRamRole) {
     StartEmulator(/*roleSeconds=*/400);  // 4 s of real time, renewed 3 s ahead
+    // Every call answers 100 ms late, as a distant endpoint would: a backup of app-01 then
+    // lasts long enough for its credentials to be renewed twice.
+    json ignored;
+    std::string error;
+    ASSERT_TRUE(hxagent::SimRequest(sim_->Endpoint(), "POST", "/_sim/faults",
+                                    R"({"rules": [{"action": "*", "latencyMs": 100}]})", ignored, error))
+        << error;
     RoundTrip("app-01-keyless");
     // The job outlived its first credentials: they were renewed at least twice, and no
     // request was refused for an expired token (the job would have failed).
