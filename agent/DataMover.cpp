@@ -45,11 +45,8 @@ std::int64_t DeviceOrFileSize(const std::string& path, std::string& error) {
 MoveResult ReadToImage(const std::string& source, std::uint64_t size, const std::string& image,
                        const MoveOptions& options) {
     MoveResult r;
-    Fd src(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!src.ok()) {
-        r.error = Why("cannot open", source);
-        return r;
-    }
+    Fd src = io::OpenSequentialSource(source, r.error);
+    if (!src.ok()) return r;
     Fd dst(::open(image.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!dst.ok()) {
         r.error = Why("cannot create", image);
@@ -60,7 +57,6 @@ MoveResult ReadToImage(const std::string& source, std::uint64_t size, const std:
         r.error = Why("cannot size", image);
         return r;
     }
-    ::posix_fadvise(src.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     io::FileSource from(src.get(), source);
     io::GranuleSink to(dst.get(), image);
     r = io::RunPipeline(from, &to, size, options);
@@ -82,17 +78,13 @@ MoveResult WriteImageToDevice(const std::string& image, const std::string& targe
                   " needs " + std::to_string(imageSize);
         return r;
     }
-    Fd src(::open(image.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!src.ok()) {
-        r.error = Why("cannot open", image);
-        return r;
-    }
+    Fd src = io::OpenSequentialSource(image, r.error);
+    if (!src.ok()) return r;
     Fd dst(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
     if (!dst.ok()) {
         r.error = Why("cannot open for writing", target);
         return r;
     }
-    ::posix_fadvise(src.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     io::FileSource from(src.get(), image);
     io::GranuleSink to(dst.get(), target);
     r = io::RunPipeline(from, &to, static_cast<std::uint64_t>(imageSize), options);
@@ -104,12 +96,8 @@ MoveResult HashFile(const std::string& path, const MoveOptions& options) {
     MoveResult r;
     const std::int64_t size = DeviceOrFileSize(path, r.error);
     if (size < 0) return r;
-    Fd src(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!src.ok()) {
-        r.error = Why("cannot open", path);
-        return r;
-    }
-    ::posix_fadvise(src.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    Fd src = io::OpenSequentialSource(path, r.error);
+    if (!src.ok()) return r;
     io::FileSource from(src.get(), path);
     return io::RunPipeline(from, nullptr, static_cast<std::uint64_t>(size), options);
 }

@@ -18,6 +18,16 @@ std::string Why(const std::string& what, const std::string& path) {
     return what + " " + path + ": " + std::strerror(errno);
 }
 
+Fd OpenSequentialSource(const std::string& path, std::string& error) {
+    Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.ok()) {
+        error = Why("cannot open", path);
+        return fd;
+    }
+    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return fd;
+}
+
 Fd::~Fd() {
     if (fd_ >= 0) ::close(fd_);
 }

@@ -28,6 +28,7 @@ public:
     ~Fd();
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
+    Fd(Fd&& other) noexcept : fd_(other.Release()) {}
     int get() const { return fd_; }
     bool ok() const { return fd_ >= 0; }
     // Gives up ownership without closing.
@@ -38,6 +39,10 @@ public:
 private:
     int fd_;
 };
+
+// Opens `path` read-only for one front-to-back pass (the kernel is told to read ahead).
+// On failure the Fd is not ok() and `error` says why ("cannot open <path>: <reason>").
+Fd OpenSequentialSource(const std::string& path, std::string& error);
 
 struct FreeDeleter {
     void operator()(unsigned char* p) const { std::free(p); }

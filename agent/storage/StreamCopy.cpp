@@ -15,12 +15,8 @@ using io::Why;
 MoveResult DeviceToStream(const std::string& source, std::uint64_t size, int fd, const std::string& fdName,
                           const MoveOptions& options) {
     MoveResult r;
-    Fd src(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!src.ok()) {
-        r.error = Why("cannot open", source);
-        return r;
-    }
-    ::posix_fadvise(src.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    Fd src = io::OpenSequentialSource(source, r.error);
+    if (!src.ok()) return r;
     io::FileSource from(src.get(), source);
     io::StreamSink to(fd, fdName);
     return io::RunPipeline(from, &to, size, options);
