@@ -42,9 +42,7 @@ void Impl::CreateDisk(const std::string& regionId, const std::string& zoneId, SD
     if (encrypted) p["Encrypted"] = "true";
     p["ClientToken"] = ClientToken();
     AddOwnershipTags(p, snapshotId.empty() ? "restore-disk" : "disk-copy");
-    json answer = Call("CreateDisk", regionId, p);
-    const std::string id = jv::Str(answer, "DiskId");
-    if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateDisk returned no DiskId");
+    const std::string id = CallForNewId("CreateDisk", regionId, p, "DiskId");
     Remember(id, regionId);
     // What the request settled; the wait for Available comes with the next use of the disk
     // (see "Deferred waits"), together with the other disks created meanwhile.

@@ -33,9 +33,7 @@ void Impl::CreateImageFromDiskSnapshots(const std::string& regionId, const std::
     p["Description"] = description.empty() ? kDefaultDescription : description;
     p["ClientToken"] = ClientToken();
     AddOwnershipTags(p, "image");
-    json answer = Call("CreateImage", region, p);
-    const std::string id = jv::Str(answer, "ImageId");
-    if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateImage returned no ImageId");
+    const std::string id = CallForNewId("CreateImage", region, p, "ImageId");
     Remember(id, region);
     imageId = id;  // handed out before the wait so that a failed image can be deleted
     WaitUntil(waits_.createImage, deps_.time,

@@ -9,6 +9,7 @@
 
 #include "bridge_common.h"
 #include "credentials_chain.h"
+#include "json_util.h"
 #include "hxutil/Random.h"
 
 namespace hxbridge {
@@ -133,6 +134,13 @@ ApiClient& Impl::Api() {
 
 json Impl::Call(const std::string& action, const std::string& regionId, Params params) {
     return Api().Call(action, regionId, std::move(params));
+}
+
+std::string Impl::CallForNewId(const std::string& action, const std::string& regionId, Params params,
+                               const std::string& idField) {
+    const std::string id = jv::Str(Call(action, regionId, std::move(params)), idField.c_str());
+    if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", action + " returned no " + idField);
+    return id;
 }
 
 std::string Impl::ClientToken() { return hxutil::RandomUuid(); }

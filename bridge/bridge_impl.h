@@ -223,6 +223,10 @@ private:
 
     hxbridge::ApiClient& Api();
     json Call(const std::string& action, const std::string& regionId, hxbridge::Params params);
+    // A creating action: the new object's id from the answer's `idField`; an answer without
+    // one is a MalformedResponse error.
+    std::string CallForNewId(const std::string& action, const std::string& regionId, hxbridge::Params params,
+                             const std::string& idField);
 
     // Lists (all pages).
     std::vector<json> ListPaged(const std::string& action, const std::string& regionId, hxbridge::Params params,

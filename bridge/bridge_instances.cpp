@@ -184,10 +184,7 @@ void Impl::CreateInstance(const SVMInfo& vmInfo, const std::string& imageId, con
     auto create = [&](const Params& params) {
         Params withToken = params;
         withToken["ClientToken"] = ClientToken();
-        json answer = Call("CreateInstance", region, withToken);
-        std::string id = jv::Str(answer, "InstanceId");
-        if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateInstance returned no InstanceId");
-        return id;
+        return CallForNewId("CreateInstance", region, withToken, "InstanceId");
     };
     // The old address is asked for first. ECS refuses it when another instance holds it
     // (InvalidIPAddress.AlreadyUsed, with a capital IP), when it is outside the vSwitch's block

@@ -19,9 +19,7 @@ void Impl::CreateSnapshot(const std::string& diskId, VMInfoStructs::SChildDisk& 
     p["Description"] = description.empty() ? kDefaultDescription : description;
     p["ClientToken"] = ClientToken();
     AddOwnershipTags(p, "snapshot");
-    json answer = Call("CreateSnapshot", region, p);
-    const std::string id = jv::Str(answer, "SnapshotId");
-    if (id.empty()) throw ApiError(ApiError::Kind::Malformed, "MalformedResponse", "CreateSnapshot returned no SnapshotId");
+    const std::string id = CallForNewId("CreateSnapshot", region, p, "SnapshotId");
     Remember(id, region);
     pendingSnapshots_.insert(id);
     snapshot.snapshotId = id;
