@@ -111,20 +111,23 @@ private:
 inline constexpr std::chrono::minutes kReuseWindow{2};
 
 struct WaitBounds {
-    // A wait that follows the bridge's own request probes first after a pause shorter than
-    // ECS usually needs for that transition (a disk attaches in a few seconds, an instance
-    // stops in seconds, an image takes minutes), then every 1-2 s as ECS asks, so that it
-    // mostly costs one or two Describe calls. The deferred waits (see "Deferred waits")
-    // count that pause from their request, which may be long past.
+    // A wait that follows the bridge's own request probes first once the transition's usual
+    // duration has passed (a disk is created in about 3 s and attaches or detaches in about
+    // 5 s, an image takes half a minute and more: the durations the emulator models too),
+    // then every 1-2 s as ECS asks, so that a wait mostly costs one Describe call. Probing
+    // earlier only buys calls that find the object still changing, each one counted against
+    // the account's per-API rate limit; probing late costs at most one interval of latency.
+    // The deferred waits (see "Deferred waits") count that pause from their request, which
+    // may be long past.
     PollSchedule createDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(15), std::chrono::milliseconds(2000)};
+                            std::chrono::minutes(15), std::chrono::milliseconds(3000)};
     PollSchedule attachDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(5), std::chrono::milliseconds(3000)};
+                            std::chrono::minutes(5), std::chrono::milliseconds(5000)};
     PollSchedule detachDisk{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
-                            std::chrono::minutes(10), std::chrono::milliseconds(3000)};
+                            std::chrono::minutes(10), std::chrono::milliseconds(5000)};
     // An image takes minutes: polled every 5 to 10 s.
     PollSchedule createImage{std::chrono::milliseconds(5000), 1.6, std::chrono::milliseconds(10000),
-                             std::chrono::minutes(90), std::chrono::milliseconds(20000)};
+                             std::chrono::minutes(90), std::chrono::milliseconds(30000)};
     PollSchedule stopInstance{std::chrono::milliseconds(1000), 1.6, std::chrono::milliseconds(2000),
                               std::chrono::minutes(10), std::chrono::milliseconds(3000)};
     // ECS stops listing a deleted object at once: probe at once.
