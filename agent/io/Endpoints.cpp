@@ -43,7 +43,9 @@ bool StreamSource::Read(std::uint64_t off, std::size_t n, unsigned char* buf, st
 
 bool GranuleSink::Write(std::uint64_t off, const unsigned char* data, std::size_t n, std::uint64_t nonZero,
                         std::uint64_t& stored, std::string& error) {
-    if (!data || WriteGranules(fd_, data, n, nonZero, off, stored)) return true;
+    if (!data) return true;
+    std::lock_guard<std::mutex> lock(writing_);
+    if (WriteGranules(fd_, data, n, nonZero, off, stored)) return true;
     error = Why("cannot write", path_);
     return false;
 }
