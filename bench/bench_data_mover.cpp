@@ -19,8 +19,10 @@
 //   HX_BENCH_DIR        folder for the temporary files (default $TMPDIR or /tmp)
 //   HX_BENCH_DISKS      number of disk files (default 4)
 //   HX_BENCH_DISK_MIB   size of each in MiB (default 768, rounded to 32 MiB)
-//   HX_BENCH_REPS       repetitions, the variants taking turns (default 3)
+//   HX_BENCH_REPS       repetitions, the variants taking turns (default 5), after one
+//                       round that is not counted
 //   HX_BENCH_ONLY       run only the variants whose name holds this text (for a profiler)
+//   HX_BENCH_VERBOSE    non-empty: every run's time and CPU on stderr
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -248,12 +250,16 @@ double Median(std::vector<double> v) {
 
 int main() {
     const DiskSet set;
-    const int reps = static_cast<int>(EnvNumber("HX_BENCH_REPS", 3));
+    const int reps = static_cast<int>(EnvNumber("HX_BENCH_REPS", 5));
     std::vector<Variant> variants = Variants();
     const std::string only = EnvOr("HX_BENCH_ONLY", "");
+    const bool verbose = !EnvOr("HX_BENCH_VERBOSE", "").empty();
     std::erase_if(variants, [&](const Variant& v) { return v.name.find(only) == std::string::npos; });
     std::map<std::string, std::vector<double>> wall, cpu;
-    for (int rep = 0; rep < reps; ++rep) {
+    // Round 0 is not counted: the first runs after the set was written took up to four times
+    // their later time and CPU (the set's own write-back, a page cache still filling), which
+    // fell on whichever variant came first.
+    for (int rep = 0; rep <= reps; ++rep) {
         // The order turns each repetition, so a drift of the machine's speed spreads over all.
         for (size_t k = 0; k < variants.size(); ++k) {
             const Variant& v = variants[(k + static_cast<size_t>(rep)) % variants.size()];
@@ -261,9 +267,15 @@ int main() {
             const double cpu0 = CpuNow();
             const auto t0 = std::chrono::steady_clock::now();
             v.run(set);
-            wall[v.name].push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
-            cpu[v.name].push_back(CpuNow() - cpu0);
+            const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+            const double used = CpuNow() - cpu0;
             Check(set, v);
+            if (verbose)
+                std::fprintf(stderr, "round %d  %-30s %7.3f s  CPU %6.3f s%s\n", rep, v.name.c_str(), seconds, used,
+                             rep == 0 ? "  (not counted)" : "");
+            if (rep == 0) continue;
+            wall[v.name].push_back(seconds);
+            cpu[v.name].push_back(used);
         }
     }
     const double gib = static_cast<double>(set.Logical()) / (1u << 30);
