@@ -13,7 +13,7 @@
 // CPU: hxagent's user + system time from wait4 (its waited-for children included), and the
 // emulator's (this process's getrusage while it only waits for the child, so nearly all of
 // it is the emulator's server threads), each per cloud call. Memory: hxagent's peak RSS
-// (ru_maxrss of wait4).
+// (VmHWM, read while it runs; see HighWaterMiB).
 //
 // With HX_BENCH_BASELINE_HXAGENT set, every disk count also runs that binary on an identical
 // world in the same process, and the summary printed at the end gives the ratios of the
@@ -46,6 +46,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "SimControl.h"
@@ -104,6 +105,20 @@ struct Child {
 
 double Seconds(const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; }
 
+// The peak resident set of a running process (VmHWM), 0 once it has exited. Decision: read
+// while hxagent runs, not ru_maxrss from wait4: a spawned child's ru_maxrss starts at its
+// parent's resident set when it was spawned (the kernel carries the high-water mark of the
+// address space that exec replaces), and this parent holds the emulator, whose state grows
+// with the disk count; that made hxagent look 2 to 10 MiB larger, more for more disks. Read
+// every 20 ms: what grows in a run's last 20 ms can be missed.
+double HighWaterMiB(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmHWM:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1024.0;  // kB
+    return 0;
+}
+
 // Runs hxagent with the given environment, stdout into a file (read back), stderr kept in
 // a file for the error message.
 Child RunAgent(const std::vector<std::string>& args, const std::vector<std::string>& env, const fs::path& work) {
@@ -124,11 +139,14 @@ Child RunAgent(const std::vector<std::string>& args, const std::vector<std::stri
     if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
         int status = 0;
         rusage usage{};
-        while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
+        for (;;) {
+            const pid_t done = ::wait4(pid, &status, WNOHANG, &usage);
+            if (done == pid || (done < 0 && errno != EINTR)) break;
+            child.maxRssMiB = std::max(child.maxRssMiB, HighWaterMiB(pid));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         if (WIFEXITED(status)) child.exitCode = WEXITSTATUS(status);
         child.cpuSeconds = Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
-        child.maxRssMiB = usage.ru_maxrss / 1024.0;  // KiB on Linux
     }
     ::posix_spawn_file_actions_destroy(&actions);
     std::ifstream o(outPath), e(errPath);
