@@ -107,8 +107,8 @@ double Seconds(const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_u
 
 // The peak resident set of a running process (VmHWM), 0 once it has exited. Decision: read
 // while hxagent runs, not ru_maxrss from wait4: a spawned child's ru_maxrss starts at its
-// parent's resident set when it was spawned (the kernel carries the high-water mark of the
-// address space that exec replaces), and this parent holds the emulator, whose state grows
+// parent's peak resident set (the kernel keeps the high-water mark of the address space that
+// exec replaces, here the parent's), and this parent holds the emulator, whose state grows
 // with the disk count; that made hxagent look 2 to 10 MiB larger, more for more disks. Read
 // every 20 ms: what grows in a run's last 20 ms can be missed.
 double HighWaterMiB(pid_t pid) {
