@@ -35,8 +35,10 @@ std::string FindOnPath(const std::string& name) {
     std::stringstream path(Env("PATH"));
     std::string dir;
     while (std::getline(path, dir, ':')) {
-        if (dir.empty()) dir = ".";
-        const std::string candidate = dir + "/" + name;
+        // An empty entry is the current folder. (Built by appending: GCC 12 warns falsely on
+        // assigning "." to `dir`, and on dir + "/" + name, in optimised builds.)
+        std::string candidate = dir.empty() ? std::string(".") : dir;
+        candidate.append("/").append(name);
         if (::access(candidate.c_str(), X_OK) == 0) return candidate;
     }
     return {};
