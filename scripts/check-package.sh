@@ -22,7 +22,7 @@ hxagent=$root/usr/bin/hxagent
 for lib in libAliCloudInfo.so libhxframework.so libHXAliCloudSDKCppBridge.so; do
   [ -f "$root/usr/lib/hxagent/$lib" ] || fail "usr/lib/hxagent/$lib is missing"
 done
-for f in usr/share/man/man1/hxagent.1.gz usr/share/bash-completion/completions/hxagent \
+for f in usr/share/man/man1/hxagent.1.gz usr/share/man/man1/ecs-sim.1.gz usr/share/bash-completion/completions/hxagent \
          "usr/share/doc/hxagent/examples/hxagent-backup@.service" "usr/share/doc/hxagent/examples/hxagent-backup@.timer"; do
   [ -f "$root/$f" ] || fail "$f is missing"
 done
