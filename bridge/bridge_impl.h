@@ -240,10 +240,8 @@ private:
     std::vector<SVMInfo> InstancesAsRecords(const std::string& regionId, hxbridge::Params filter);
 
     // One object by id in a region; nullopt when ECS does not know it there.
-    std::optional<json> FindInstance(const std::string& regionId, const std::string& id);
-    std::optional<json> FindDisk(const std::string& regionId, const std::string& id);
-    std::optional<json> FindSnapshot(const std::string& regionId, const std::string& id);
-    std::optional<json> FindImage(const std::string& regionId, const std::string& id);
+    // FindById asks ECS; Find also keeps the answer and treats NotFound as not there.
+    std::optional<json> FindById(Kind kind, const std::string& regionId, const std::string& id);
     std::optional<json> Find(Kind kind, const std::string& regionId, const std::string& id);
     // The kept answer about `id` (see "Reuse"), or nullopt when none is kept or it is older
     // than kReuseWindow.

@@ -118,35 +118,33 @@ std::string Impl::ArchitectureFor(const std::string& regionId, const json& insta
     return ArchitectureOf(cpu, OsNameOf(instance));
 }
 
-std::optional<json> Impl::FindInstance(const std::string& regionId, const std::string& id) {
-    json answer = Call("DescribeInstances", regionId, {{"InstanceIds", jv::IdArray({id})}});
-    for (const json& i : jv::RequiredList(answer, "Instances", "Instance", "DescribeInstances")) {
-        if (jv::Str(i, "InstanceId") == id) return i;
-    }
-    return std::nullopt;
-}
+namespace {
+// How one object of each kind (in the order of Impl::Kind) is described by id, and where the
+// answer lists it. Images are asked for by ImageId with every status (see FindById).
+struct DescribeById {
+    const char* action;
+    const char* idsParameter;
+    const char* list;
+    const char* item;
+    const char* idKey;
+};
+constexpr DescribeById kDescribeById[] = {
+    {"DescribeInstances", "InstanceIds", "Instances", "Instance", "InstanceId"},
+    {"DescribeDisks", "DiskIds", "Disks", "Disk", "DiskId"},
+    {"DescribeSnapshots", "SnapshotIds", "Snapshots", "Snapshot", "SnapshotId"},
+    {"DescribeImages", "ImageId", "Images", "Image", "ImageId"},
+};
+}  // namespace
 
-std::optional<json> Impl::FindDisk(const std::string& regionId, const std::string& id) {
-    json answer = Call("DescribeDisks", regionId, {{"DiskIds", jv::IdArray({id})}});
-    for (const json& d : jv::RequiredList(answer, "Disks", "Disk", "DescribeDisks")) {
-        if (jv::Str(d, "DiskId") == id) return d;
-    }
-    return std::nullopt;
-}
-
-std::optional<json> Impl::FindSnapshot(const std::string& regionId, const std::string& id) {
-    json answer = Call("DescribeSnapshots", regionId, {{"SnapshotIds", jv::IdArray({id})}});
-    for (const json& s : jv::RequiredList(answer, "Snapshots", "Snapshot", "DescribeSnapshots")) {
-        if (jv::Str(s, "SnapshotId") == id) return s;
-    }
-    return std::nullopt;
-}
-
-std::optional<json> Impl::FindImage(const std::string& regionId, const std::string& id) {
-    json answer = Call("DescribeImages", regionId,
-                       {{"ImageId", id}, {"Status", kAllImageStatuses}, {"ImageOwnerAlias", "self"}});
-    for (const json& m : jv::RequiredList(answer, "Images", "Image", "DescribeImages")) {
-        if (jv::Str(m, "ImageId") == id) return m;
+std::optional<json> Impl::FindById(Kind kind, const std::string& regionId, const std::string& id) {
+    const DescribeById& d = kDescribeById[static_cast<int>(kind)];
+    // DescribeImages lists only Available images unless told otherwise, and public ones too.
+    const Params params = kind == Kind::Image
+                              ? Params{{d.idsParameter, id}, {"Status", kAllImageStatuses}, {"ImageOwnerAlias", "self"}}
+                              : Params{{d.idsParameter, jv::IdArray({id})}};
+    json answer = Call(d.action, regionId, params);
+    for (const json& o : jv::RequiredList(answer, d.list, d.item, d.action)) {
+        if (jv::Str(o, d.idKey) == id) return o;
     }
     return std::nullopt;
 }
@@ -154,12 +152,7 @@ std::optional<json> Impl::FindImage(const std::string& regionId, const std::stri
 std::optional<json> Impl::Find(Kind kind, const std::string& regionId, const std::string& id) {
     std::optional<json> found;
     try {
-        switch (kind) {
-            case Kind::Instance: found = FindInstance(regionId, id); break;
-            case Kind::Disk: found = FindDisk(regionId, id); break;
-            case Kind::Snapshot: found = FindSnapshot(regionId, id); break;
-            case Kind::Image: found = FindImage(regionId, id); break;
-        }
+        found = FindById(kind, regionId, id);
     } catch (const ApiError& e) {
         // Some ECS versions answer a Describe by a malformed or foreign id with NotFound
         // instead of an empty list.
