@@ -180,21 +180,27 @@ std::vector<Variant> Variants() {
             for (size_t i = 0; i < s.sources.size(); ++i) FsyncPath(s.Out(i));
         };
     };
+    // hxagent's side, as the jobs do it: each output flushed while the next disk is moved,
+    // all of them flushed before the job goes on.
+    auto mover = [](std::string what, auto move) {
+        return [what, move](const DiskSet& s) {
+            hxagent::io::BackgroundSync sync;
+            hxagent::MoveOptions o;
+            o.sync = &sync;
+            for (size_t i = 0; i < s.sources.size(); ++i) {
+                auto r = move(s, i, o);
+                if (!r.ok) Die(what + ": " + r.error);
+            }
+            std::string error;
+            if (!sync.Wait(error)) Die(error);
+        };
+    };
     return {
-        // As the backup job does it: each image flushed while the next disk is read, all
-        // of them flushed before the job goes on.
         {"backup: hxagent", false,
-         [](const DiskSet& s) {
-             hxagent::io::BackgroundSync sync;
-             hxagent::MoveOptions o;
-             o.sync = &sync;
-             for (size_t i = 0; i < s.sources.size(); ++i) {
-                 auto r = hxagent::ReadToImage(s.sources[i], s.diskSize, s.Out(i), o);
-                 if (!r.ok) Die("ReadToImage: " + r.error);
-             }
-             std::string error;
-             if (!sync.Wait(error)) Die(error);
-         }},
+         mover("ReadToImage",
+               [](const DiskSet& s, size_t i, const hxagent::MoveOptions& o) {
+                   return hxagent::ReadToImage(s.sources[i], s.diskSize, s.Out(i), o);
+               })},
         {"backup: cp --sparse=always", false,
          each([](const DiskSet& s, size_t i) { Run({"cp", "--sparse=always", s.sources[i], s.Out(i)}); })},
         {"backup: dd bs=4M conv=sparse", false, each([](const DiskSet& s, size_t i) {
@@ -202,17 +208,10 @@ std::vector<Variant> Variants() {
          })},
         {"backup: cat", false, each([](const DiskSet& s, size_t i) { Run({"cat", s.sources[i]}, s.Out(i)); })},
         {"restore: hxagent", true,
-         [](const DiskSet& s) {
-             hxagent::io::BackgroundSync sync;
-             hxagent::MoveOptions o;
-             o.sync = &sync;
-             for (size_t i = 0; i < s.images.size(); ++i) {
-                 auto r = hxagent::WriteImageToDevice(s.images[i], s.Out(i), o);
-                 if (!r.ok) Die("WriteImageToDevice: " + r.error);
-             }
-             std::string error;
-             if (!sync.Wait(error)) Die(error);
-         }},
+         mover("WriteImageToDevice",
+               [](const DiskSet& s, size_t i, const hxagent::MoveOptions& o) {
+                   return hxagent::WriteImageToDevice(s.images[i], s.Out(i), o);
+               })},
         {"restore: cp + sync", true, each([](const DiskSet& s, size_t i) { Run({"cp", s.images[i], s.Out(i)}); })},
     };
 }
