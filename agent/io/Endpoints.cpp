@@ -4,18 +4,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "io/BackgroundSync.h"
 
 namespace hxagent::io {
 
 std::uint64_t FileSource::HoleBytes(std::uint64_t off, std::uint64_t end) {
-    const off_t data = ::lseek(fd_, static_cast<off_t>(off), SEEK_DATA);
-    if (data >= 0) return std::min<std::uint64_t>(static_cast<std::uint64_t>(data), end) - off;
-    if (errno != ENXIO) return 0;  // no SEEK_DATA here: everything is data
-    // No data from `off` to the end of the file. Past the end is not a hole: a file or
-    // device shorter than the disk must fail the read, not pass for zeros.
+    const std::uint64_t data = NextData(fd_, off, end);
+    if (data < end) return data - off;
+    // Only holes up to `end`. Past the end of the file is not a hole: a file or device
+    // shorter than the disk must fail the read, not pass for zeros.
     struct stat st{};
     if (::fstat(fd_, &st) != 0 || static_cast<std::uint64_t>(st.st_size) <= off) return 0;
     return std::min<std::uint64_t>(static_cast<std::uint64_t>(st.st_size), end) - off;
